@@ -1,0 +1,8 @@
+#!/bin/sh
+# The whole test suite: dependencies, build, unit and end-to-end tests.
+set -eu
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/install-deps.sh"
+"$top/scripts/build.sh"
+cd "${KELVANE_BUILD_DIR:-$top/build}"
+ctest --output-on-failure -j 2

@@ -1,0 +1,95 @@
+#include "app/frontend.h"
+
+#include "app/commandline.h"
+#include "bluez/trace.h"
+#include "result/json.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace kelvane::app {
+
+namespace {
+
+using result::simpleResult;
+using result::writeResultLine;
+
+void writeError(const std::string &text) {
+    const std::string line = "error: " + text + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fflush(stderr);
+}
+
+int notYetAvailable() {
+    writeResultLine(simpleResult(false, "operation not available in this build"));
+    return 1;
+}
+
+int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {
+    switch (parsed.command) {
+    case Command::Usage:
+        printUsage(invocationName);
+        return 0;
+    case Command::Unknown:
+        writeError("unknown option: " + parsed.word);
+        printUsage(invocationName);
+        return 1;
+    default:
+        break;
+    }
+    if (commandNeedsMac(parsed.command) && !parsed.mac) {
+        writeError(parsed.word + " requires a Bluetooth MAC address");
+        printUsage(invocationName);
+        return 1;
+    }
+    if (commandNeedsRoot(parsed.command) && !requireRoot(parsed.word))
+        return 1;
+    return notYetAvailable();
+}
+
+} // namespace
+
+void printUsage(const std::string &invocationName) {
+    const std::string usage =
+        "Usage: " + invocationName + " [-v] [-e] [-l] [-r] [-f MAC] [-p MAC]\n\n" +
+        "Options:\n"
+        "  -v              Print D-Bus debug messages to stderr\n"
+        "  -e              Scan for nearby Bluetooth devices on powered adapters\n"
+        "  -l              List known devices from /var/lib/bluetooth (root)\n"
+        "  -r              Restore /var/lib/bluetooth from backup (root)\n"
+        "  -f MAC          Forget a known or connected device at MAC (root)\n"
+        "  -p MAC          Pair, trust, and connect to the device at MAC (root)\n"
+        "  -h              Show this help message\n\n"
+        "All operations write one JSON result object to stdout.\n"
+        "Pairing progress events are written to /tmp/kelvane-events.json.\n"
+        "Use -v for debug output on stderr.\n\n"
+        "List (-l), restore (-r), forget (-f), and pair (-p) must be run as root.\n";
+    std::fwrite(usage.data(), 1, usage.size(), stdout);
+    std::fflush(stdout);
+}
+
+bool requireRoot(const std::string &option) {
+    if (geteuid() == 0)
+        return true;
+    writeError(option + " requires root privileges");
+    return false;
+}
+
+void saveBluetoothConfig() {}
+
+int runFrontEnd(int argc, char **argv) {
+    QCoreApplication application(argc, argv);
+    // Taken from argv rather than QCoreApplication::arguments(): the words are
+    // compared as bytes, whatever the locale's codec makes of them.
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i)
+        words.emplace_back(argv[i]);
+    const ParsedCommandLine parsed = parseCommandLine(words);
+    if (parsed.trace)
+        bluez::DbusTrace::setEnabled(true);
+    return dispatch(parsed, argc > 0 ? std::string(argv[0]) : std::string());
+}
+
+} // namespace kelvane::app

@@ -1,0 +1,93 @@
+#include "result/json.h"
+
+#include "classify/appearance.h"
+#include "classify/classofdevice.h"
+#include "classify/hid.h"
+#include "classify/uuids.h"
+#include "classify/label.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QString>
+
+#include <cstdio>
+
+namespace kelvane::result {
+
+namespace {
+
+QString text(const std::string &utf8) {
+    return QString::fromUtf8(utf8.data(), static_cast<int>(utf8.size()));
+}
+
+QJsonValue optionalNumber(const std::optional<std::int16_t> &value) {
+    return value ? QJsonValue(static_cast<int>(*value)) : QJsonValue(QJsonValue::Null);
+}
+
+} // namespace
+
+QJsonObject deviceToJson(const DeviceInfo &device) {
+    QJsonObject object;
+    object.insert(QStringLiteral("path"), text(device.path));
+    object.insert(QStringLiteral("address"), text(device.address));
+    object.insert(QStringLiteral("name"), text(device.name));
+    object.insert(QStringLiteral("alias"), text(device.alias));
+    object.insert(QStringLiteral("label"),
+                  classify::displayLabel(text(device.name), text(device.alias)));
+    object.insert(QStringLiteral("icon"), text(device.icon));
+    classify::writeClassFields(object, device.classOfDevice);
+    classify::writeAppearanceFields(object, device.appearance);
+    object.insert(QStringLiteral("rssi"), optionalNumber(device.rssi));
+    object.insert(QStringLiteral("paired"), device.paired);
+    object.insert(QStringLiteral("trusted"), device.trusted);
+    object.insert(QStringLiteral("connected"), device.connected);
+    object.insert(QStringLiteral("is_hid"),
+                  classify::isHidDevice(device.appearance, device.uuids, device.classOfDevice));
+    object.insert(QStringLiteral("uuids"), classify::uuidArray(device.uuids));
+    return object;
+}
+
+QJsonObject adapterToJson(const AdapterInfo &adapter) {
+    QJsonObject object;
+    object.insert(QStringLiteral("id"), static_cast<qint64>(adapter.id));
+    object.insert(QStringLiteral("path"), text(adapter.path));
+    object.insert(QStringLiteral("address"), text(adapter.address));
+    object.insert(QStringLiteral("name"), text(adapter.name));
+    object.insert(QStringLiteral("alias"), text(adapter.alias));
+    object.insert(QStringLiteral("powered"), adapter.powered);
+    object.insert(QStringLiteral("discovering"), adapter.discovering);
+    return object;
+}
+
+QByteArray resultToJson(const ResultDocument &document) {
+    QJsonArray adapters;
+    for (const AdapterInfo &adapter : document.adapters())
+        adapters.append(adapterToJson(adapter));
+    QJsonArray devices;
+    for (const DeviceInfo &device : document.devices())
+        devices.append(deviceToJson(device));
+
+    QJsonObject object;
+    object.insert(QStringLiteral("result"), document.status() == ResultStatus::Error
+                                                 ? QStringLiteral("error")
+                                                 : QStringLiteral("ok"));
+    object.insert(QStringLiteral("error"), text(document.error()));
+    object.insert(QStringLiteral("adapters"), adapters);
+    object.insert(QStringLiteral("devices"), devices);
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+QByteArray simpleResult(bool success, const std::string &message) {
+    ResultDocument document;
+    document.setStatus(success ? ResultStatus::Ok : ResultStatus::Error);
+    document.setError(message);
+    return resultToJson(document);
+}
+
+void writeResultLine(const QByteArray &json) {
+    std::fwrite(json.constData(), 1, static_cast<size_t>(json.size()), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+} // namespace kelvane::result

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "result/resultdocument.h"
+
+#include <QByteArray>
+#include <QJsonObject>
+
+#include <string>
+
+namespace kelvane::result {
+
+QJsonObject deviceToJson(const DeviceInfo &device);
+QJsonObject adapterToJson(const AdapterInfo &adapter);
+
+// Compact JSON; QJsonObject keeps members in ascending key order.
+QByteArray resultToJson(const ResultDocument &document);
+
+// A document without adapters or devices: status Ok or Error, error = message.
+QByteArray simpleResult(bool success, const std::string &message);
+
+// The only writer of standard output besides the usage text.
+void writeResultLine(const QByteArray &json);
+
+} // namespace kelvane::result
