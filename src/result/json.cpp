@@ -4,6 +4,7 @@
 #include "classify/classofdevice.h"
 #include "classify/hid.h"
 #include "classify/uuids.h"
+#include "result/utf8.h"
 #include "classify/label.h"
 
 #include <QJsonArray>
@@ -16,10 +17,6 @@ namespace kelvane::result {
 
 namespace {
 
-QString text(const std::string &utf8) {
-    return QString::fromUtf8(utf8.data(), static_cast<int>(utf8.size()));
-}
-
 QJsonValue optionalNumber(const std::optional<std::int16_t> &value) {
     return value ? QJsonValue(static_cast<int>(*value)) : QJsonValue(QJsonValue::Null);
 }
@@ -28,13 +25,13 @@ QJsonValue optionalNumber(const std::optional<std::int16_t> &value) {
 
 QJsonObject deviceToJson(const DeviceInfo &device) {
     QJsonObject object;
-    object.insert(QStringLiteral("path"), text(device.path));
-    object.insert(QStringLiteral("address"), text(device.address));
-    object.insert(QStringLiteral("name"), text(device.name));
-    object.insert(QStringLiteral("alias"), text(device.alias));
+    object.insert(QStringLiteral("path"), fromUtf8(device.path));
+    object.insert(QStringLiteral("address"), fromUtf8(device.address));
+    object.insert(QStringLiteral("name"), fromUtf8(device.name));
+    object.insert(QStringLiteral("alias"), fromUtf8(device.alias));
     object.insert(QStringLiteral("label"),
-                  classify::displayLabel(text(device.name), text(device.alias)));
-    object.insert(QStringLiteral("icon"), text(device.icon));
+                  classify::displayLabel(fromUtf8(device.name), fromUtf8(device.alias)));
+    object.insert(QStringLiteral("icon"), fromUtf8(device.icon));
     classify::writeClassFields(object, device.classOfDevice);
     classify::writeAppearanceFields(object, device.appearance);
     object.insert(QStringLiteral("rssi"), optionalNumber(device.rssi));
@@ -50,10 +47,10 @@ QJsonObject deviceToJson(const DeviceInfo &device) {
 QJsonObject adapterToJson(const AdapterInfo &adapter) {
     QJsonObject object;
     object.insert(QStringLiteral("id"), static_cast<qint64>(adapter.id));
-    object.insert(QStringLiteral("path"), text(adapter.path));
-    object.insert(QStringLiteral("address"), text(adapter.address));
-    object.insert(QStringLiteral("name"), text(adapter.name));
-    object.insert(QStringLiteral("alias"), text(adapter.alias));
+    object.insert(QStringLiteral("path"), fromUtf8(adapter.path));
+    object.insert(QStringLiteral("address"), fromUtf8(adapter.address));
+    object.insert(QStringLiteral("name"), fromUtf8(adapter.name));
+    object.insert(QStringLiteral("alias"), fromUtf8(adapter.alias));
     object.insert(QStringLiteral("powered"), adapter.powered);
     object.insert(QStringLiteral("discovering"), adapter.discovering);
     return object;
@@ -71,7 +68,7 @@ QByteArray resultToJson(const ResultDocument &document) {
     object.insert(QStringLiteral("result"), document.status() == ResultStatus::Error
                                                  ? QStringLiteral("error")
                                                  : QStringLiteral("ok"));
-    object.insert(QStringLiteral("error"), text(document.error()));
+    object.insert(QStringLiteral("error"), fromUtf8(document.error()));
     object.insert(QStringLiteral("adapters"), adapters);
     object.insert(QStringLiteral("devices"), devices);
     return QJsonDocument(object).toJson(QJsonDocument::Compact);

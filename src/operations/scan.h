@@ -1,0 +1,15 @@
+#pragma once
+
+#include "result/records.h"
+
+#include <string>
+#include <vector>
+
+namespace kelvane::operations {
+
+// Powers the adapter, discovers for `seconds` one-second polls and returns
+// what it saw under the adapter, merged by address (latest poll wins), sorted.
+std::vector<result::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
+                                            int seconds);
+
+} // namespace kelvane::operations
