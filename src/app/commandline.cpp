@@ -51,8 +51,8 @@ bool commandNeedsMac(Command command) {
 }
 
 bool commandNeedsRoot(Command command) {
-    return command == Command::List || command == Command::Restore ||
-           command == Command::Forget || command == Command::Pair;
+    return command == Command::List || command == Command::Restore || command == Command::Forget ||
+           command == Command::Pair;
 }
 
 } // namespace kelvane::app

@@ -1,7 +1,9 @@
 #include "app/frontend.h"
 
 #include "app/commandline.h"
+#include "bluez/adapters.h"
 #include "bluez/trace.h"
+#include "operations/scan.h"
 #include "result/json.h"
 
 #include <QCoreApplication>
@@ -27,6 +29,45 @@ int notYetAvailable() {
     return 1;
 }
 
+constexpr int scanSeconds = 10;
+
+std::string adapterReport(const result::AdapterInfo &adapter, const std::string &error) {
+    return "adapter " + std::to_string(adapter.id) + ": " + error;
+}
+
+int runScan() {
+    result::ResultDocument document;
+    std::string error;
+    const std::vector<result::AdapterInfo> adapters = bluez::listAdapters(error);
+    if (adapters.empty()) {
+        document.setStatus(result::ResultStatus::Error);
+        document.setError(error);
+        writeResultLine(result::resultToJson(document));
+        return 1;
+    }
+    document.setAdapters(adapters);
+    for (const result::AdapterInfo &adapter : adapters) {
+        const std::vector<result::DeviceInfo> devices =
+            operations::scanAdapter(adapter.path, error, scanSeconds);
+        if (devices.empty() && !error.empty()) {
+            document.setStatus(result::ResultStatus::Partial);
+            document.setError(document.error().empty()
+                                  ? adapterReport(adapter, error)
+                                  : document.error() + "; " + adapterReport(adapter, error));
+            continue;
+        }
+        document.mergeDevices(devices);
+    }
+    writeResultLine(result::resultToJson(document));
+    return document.status() == result::ResultStatus::Error ? 1 : 0;
+}
+
+// Qt's own warnings (a daemon sending odd types, say) must never reach the
+// caller's stderr unasked: they become debug lines of the -v trace.
+void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &message) {
+    bluez::DbusTrace::debug("qt: " + message.toUtf8());
+}
+
 int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {
     switch (parsed.command) {
     case Command::Usage:
@@ -46,7 +87,12 @@ int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName)
     }
     if (commandNeedsRoot(parsed.command) && !requireRoot(parsed.word))
         return 1;
-    return notYetAvailable();
+    switch (parsed.command) {
+    case Command::Scan:
+        return runScan();
+    default:
+        return notYetAvailable();
+    }
 }
 
 } // namespace
@@ -80,6 +126,7 @@ bool requireRoot(const std::string &option) {
 void saveBluetoothConfig() {}
 
 int runFrontEnd(int argc, char **argv) {
+    qInstallMessageHandler(routeQtMessages);
     QCoreApplication application(argc, argv);
     // Taken from argv rather than QCoreApplication::arguments(): the words are
     // compared as bytes, whatever the locale's codec makes of them.

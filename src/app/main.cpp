@@ -1,3 +1,5 @@
 #include "app/frontend.h"
 
-int main(int argc, char **argv) { return kelvane::app::runFrontEnd(argc, argv); }
+int main(int argc, char **argv) {
+    return kelvane::app::runFrontEnd(argc, argv);
+}

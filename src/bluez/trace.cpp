@@ -16,9 +16,13 @@ void writeLine(const QByteArray &line) {
 
 } // namespace
 
-void setEnabled(bool on) { enabled = on; }
+void setEnabled(bool on) {
+    enabled = on;
+}
 
-bool isEnabled() { return enabled; }
+bool isEnabled() {
+    return enabled;
+}
 
 void debug(const QByteArray &text) {
     if (!enabled)

@@ -15,7 +15,8 @@ struct NamedMinor {
 };
 
 template <size_t N>
-QByteArray lookupMinor(const std::array<NamedMinor, N> &table, unsigned minor, const char *fallback) {
+QByteArray lookupMinor(const std::array<NamedMinor, N> &table, unsigned minor,
+                       const char *fallback) {
     for (const NamedMinor &entry : table) {
         if (entry.value == minor)
             return entry.text;
@@ -56,11 +57,8 @@ const std::array<NamedMinor, 16> audioVideoMinors{{{1, "Wearable headset"},
 const std::array<NamedMinor, 5> wearableMinors{
     {{1, "Wristwatch"}, {2, "Pager"}, {3, "Jacket"}, {4, "Helmet"}, {5, "Glasses"}}};
 
-const std::array<NamedMinor, 5> toyMinors{{{1, "Robot"},
-                                           {2, "Vehicle"},
-                                           {3, "Doll or action figure"},
-                                           {4, "Controller"},
-                                           {5, "Game"}}};
+const std::array<NamedMinor, 5> toyMinors{
+    {{1, "Robot"}, {2, "Vehicle"}, {3, "Doll or action figure"}, {4, "Controller"}, {5, "Game"}}};
 
 const std::array<NamedMinor, 15> healthMinors{{{1, "Blood pressure monitor"},
                                                {2, "Thermometer"},
@@ -133,8 +131,9 @@ QByteArray imagingMinorName(ClassOfDevice cod) {
 
 QByteArray majorDeviceClassName(ClassOfDevice cod) {
     static const std::array<const char *, 10> names{
-        "Miscellaneous", "Computer", "Phone", "LAN/Network Access Point", "Audio/Video",
-        "Peripheral",    "Imaging",  "Wearable", "Toy", "Health"};
+        "Miscellaneous", "Computer",   "Phone",   "LAN/Network Access Point",
+        "Audio/Video",   "Peripheral", "Imaging", "Wearable",
+        "Toy",           "Health"};
     const unsigned major = cod.major();
     if (major < names.size())
         return names[major];

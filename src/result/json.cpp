@@ -3,9 +3,9 @@
 #include "classify/appearance.h"
 #include "classify/classofdevice.h"
 #include "classify/hid.h"
+#include "classify/label.h"
 #include "classify/uuids.h"
 #include "result/utf8.h"
-#include "classify/label.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -66,8 +66,8 @@ QByteArray resultToJson(const ResultDocument &document) {
 
     QJsonObject object;
     object.insert(QStringLiteral("result"), document.status() == ResultStatus::Error
-                                                 ? QStringLiteral("error")
-                                                 : QStringLiteral("ok"));
+                                                ? QStringLiteral("error")
+                                                : QStringLiteral("ok"));
     object.insert(QStringLiteral("error"), fromUtf8(document.error()));
     object.insert(QStringLiteral("adapters"), adapters);
     object.insert(QStringLiteral("devices"), devices);

@@ -23,8 +23,9 @@ bool replacesExisting(const DeviceInfo &incoming, const DeviceInfo &existing) {
 
 void ResultDocument::mergeDevices(const std::vector<DeviceInfo> &incoming) {
     for (const DeviceInfo &device : incoming) {
-        auto existing = std::find_if(m_devices.begin(), m_devices.end(),
-                                     [&](const DeviceInfo &d) { return d.address == device.address; });
+        auto existing = std::find_if(m_devices.begin(), m_devices.end(), [&](const DeviceInfo &d) {
+            return d.address == device.address;
+        });
         if (existing == m_devices.end())
             m_devices.push_back(device);
         else if (replacesExisting(device, *existing))

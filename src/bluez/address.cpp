@@ -1,0 +1,18 @@
+#include "bluez/address.h"
+
+#include <QRegularExpression>
+
+namespace kelvane::bluez {
+
+QString normalizeAddress(const QString &address) {
+    return address.toUpper().replace(QLatin1Char('-'), QLatin1Char(':'));
+}
+
+bool isValidAddress(const QString &address) {
+    // Anchored on the whole text: a bare '$' would also accept a trailing newline.
+    static const QRegularExpression pattern(
+        QRegularExpression::anchoredPattern(QStringLiteral("^([0-9A-F]{2}:){5}[0-9A-F]{2}$")));
+    return pattern.match(address).hasMatch();
+}
+
+} // namespace kelvane::bluez

@@ -1,0 +1,86 @@
+#include "operations/knowndevices.h"
+
+#include "bluez/devices.h"
+#include "result/json.h"
+#include "result/utf8.h"
+#include "storage/paths.h"
+#include "storage/storelisting.h"
+
+#include <algorithm>
+
+namespace kelvane::operations {
+
+namespace {
+
+using result::DeviceInfo;
+using storage::StoredDevice;
+
+const DeviceInfo *livePartner(const std::vector<DeviceInfo> &live, const QString &storedAddress) {
+    const QString wanted = storedAddress.trimmed();
+    for (const DeviceInfo &device : live) {
+        if (result::fromUtf8(device.address).compare(wanted, Qt::CaseInsensitive) == 0)
+            return &device;
+    }
+    return nullptr;
+}
+
+// The store supplies the facts; the bus only the object path and connection.
+DeviceInfo knownDevice(const StoredDevice &stored, const std::vector<DeviceInfo> &live) {
+    DeviceInfo device;
+    device.address = result::toUtf8(stored.address);
+    device.name = result::toUtf8(stored.name);
+    device.paired = true;
+    device.trusted = stored.trusted;
+    device.classOfDevice = stored.deviceClass;
+    device.appearance = stored.appearance;
+    for (const QString &uuid : stored.services)
+        device.uuids.push_back(result::toUtf8(uuid));
+    if (const DeviceInfo *partner = livePartner(live, stored.address)) {
+        device.connected = partner->connected;
+        device.path = partner->path;
+    }
+    return device;
+}
+
+// Adapters the store names, numbered in order of first appearance.
+std::vector<result::AdapterInfo> storedAdapters(const std::vector<StoredDevice> &stored) {
+    std::vector<result::AdapterInfo> adapters;
+    for (const StoredDevice &device : stored) {
+        const std::string address = result::toUtf8(device.adapter);
+        const bool known =
+            std::any_of(adapters.begin(), adapters.end(),
+                        [&](const result::AdapterInfo &a) { return a.address == address; });
+        if (known)
+            continue;
+        result::AdapterInfo adapter;
+        adapter.id = static_cast<std::int32_t>(adapters.size());
+        adapter.address = address;
+        adapters.push_back(adapter);
+    }
+    return adapters;
+}
+
+} // namespace
+
+int listKnownDevices() {
+    std::string liveError;
+    const std::vector<DeviceInfo> live = bluez::listLiveDevices(liveError);
+    const std::vector<StoredDevice> stored = storage::listStoredDevices(storage::storeRoot);
+
+    std::vector<DeviceInfo> known;
+    known.reserve(stored.size());
+    for (const StoredDevice &device : stored)
+        known.push_back(knownDevice(device, live));
+
+    result::ResultDocument document;
+    document.mergeDevices(known);
+    if (!stored.empty() && live.empty() && !liveError.empty()) {
+        document.setStatus(result::ResultStatus::Partial);
+        document.setError("could not query live device state: " + liveError);
+    }
+    document.setAdapters(storedAdapters(stored));
+    result::writeResultLine(result::resultToJson(document));
+    return document.status() == result::ResultStatus::Error ? 1 : 0;
+}
+
+} // namespace kelvane::operations
