@@ -4,6 +4,7 @@
 #include "bluez/adapters.h"
 #include "bluez/trace.h"
 #include "operations/scan.h"
+#include "pairing/pair.h"
 #include "result/json.h"
 
 #include <QCoreApplication>
@@ -62,6 +63,19 @@ int runScan() {
     return document.status() == result::ResultStatus::Error ? 1 : 0;
 }
 
+// The result line comes before the backup: the caller learns the outcome
+// without waiting for the copy.
+int runPair(const std::string &mac) {
+    std::string error;
+    if (!pairing::pairTrustConnect(mac, error)) {
+        writeResultLine(simpleResult(false, error));
+        return 1;
+    }
+    writeResultLine(simpleResult(true, ""));
+    saveBluetoothConfig();
+    return 0;
+}
+
 // Qt's own warnings (a daemon sending odd types, say) must never reach the
 // caller's stderr unasked: they become debug lines of the -v trace.
 void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &message) {
@@ -90,6 +104,8 @@ int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName)
     switch (parsed.command) {
     case Command::Scan:
         return runScan();
+    case Command::Pair:
+        return runPair(*parsed.mac);
     default:
         return notYetAvailable();
     }

@@ -1,0 +1,96 @@
+#include "pairing/eventlog.h"
+
+#include "bluez/devices.h"
+#include "bluez/names.h"
+#include "bluez/snapshot.h"
+#include "result/json.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QJsonDocument>
+
+#include <mutex>
+#include <optional>
+
+namespace kelvane::pairing {
+
+namespace {
+
+struct LogState {
+    std::mutex mutex;
+    QJsonArray events;
+    std::optional<result::DeviceInfo> device;
+    QString filePath = PairingEventLog::defaultFilePath;
+};
+
+LogState &state() {
+    static LogState instance;
+    return instance;
+}
+
+} // namespace
+
+void PairingEventLog::reset() {
+    LogState &log = state();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    log.events = QJsonArray();
+    log.device.reset();
+    writeFile();
+}
+
+void PairingEventLog::setDevice(const result::DeviceInfo &device) {
+    LogState &log = state();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    log.device = device;
+}
+
+void PairingEventLog::logEvent(const QString &name, const QJsonObject &extra) {
+    LogState &log = state();
+    // The JSON is built outside the lock; only the shared state is touched under it.
+    QJsonObject event = extra;
+    event.insert(QStringLiteral("event"), name);
+    event.insert(QStringLiteral("timestamp"), QDateTime::currentDateTimeUtc().toSecsSinceEpoch());
+    std::optional<result::DeviceInfo> device;
+    {
+        std::lock_guard<std::mutex> lock(log.mutex);
+        device = log.device;
+    }
+    if (device)
+        event.insert(QStringLiteral("device"), result::deviceToJson(*device));
+    std::lock_guard<std::mutex> lock(log.mutex);
+    log.events.append(event);
+    writeFile();
+}
+
+QJsonArray PairingEventLog::events() {
+    LogState &log = state();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    return log.events;
+}
+
+void PairingEventLog::setFilePath(const QString &path) {
+    LogState &log = state();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    log.filePath = path;
+}
+
+void PairingEventLog::writeFile() {
+    LogState &log = state();
+    QFile file(log.filePath);
+    // An unwritable file must not disturb the pairing; the next event
+    // rewrites the complete list anyway.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return;
+    file.write(QJsonDocument(log.events).toJson(QJsonDocument::Compact));
+    file.write("\n");
+}
+
+void refreshEventDevice(const QString &devicePath) {
+    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
+    const bluez::PropertyMap properties =
+        bluez::interfaceProperties(objects, devicePath, bluez::names::device);
+    if (!properties.isEmpty())
+        PairingEventLog::setDevice(bluez::deviceFromProperties(devicePath, properties));
+}
+
+} // namespace kelvane::pairing
