@@ -1,0 +1,23 @@
+#pragma once
+
+#include "storage/infofile.h"
+
+#include <QFileInfoList>
+#include <QString>
+
+#include <vector>
+
+namespace kelvane::storage {
+
+// Every device directory under every adapter directory of root that holds a
+// readable info file, sorted by display label, then address. Never fails: an
+// unusable store simply yields fewer entries.
+std::vector<StoredDevice> listStoredDevices(const QString &root);
+
+// A store directory name with each "\:" turned into ":".
+QString unescapeStoreName(const QString &name);
+
+// The visible subdirectories of dir (links to directories included), unsorted.
+QFileInfoList storeSubdirectories(const QString &dir);
+
+} // namespace kelvane::storage
