@@ -1,9 +1,13 @@
 #!/bin/sh
 # Installs what building, testing and the simulated BlueZ need (Debian 12, as root).
+# With --packaging also what scripts/build-deb.sh needs.
 # Skips apt entirely when every package is already there.
 set -eu
 packages="cmake g++ make pkg-config qtbase5-dev python3 python3-pytest python3-dbusmock
-python3-dbus python3-gi python3-jsonschema dbus dbus-daemon util-linux mount"
+python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux mount groff-base"
+if [ "${1-}" = "--packaging" ]; then
+    packages="$packages dpkg-dev debhelper fakeroot lintian"
+fi
 missing=""
 for p in $packages; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -3,9 +3,15 @@
 #include "app/commandline.h"
 #include "bluez/adapters.h"
 #include "bluez/trace.h"
+#include "operations/forget.h"
+#include "operations/knowndevices.h"
 #include "operations/scan.h"
 #include "pairing/pair.h"
 #include "result/json.h"
+#include "result/utf8.h"
+#include "storage/backup.h"
+#include "storage/forgetstored.h"
+#include "storage/paths.h"
 
 #include <QCoreApplication>
 
@@ -25,9 +31,30 @@ void writeError(const std::string &text) {
     std::fflush(stderr);
 }
 
+int printSimpleResult(bool success, const std::string &message) {
+    writeResultLine(simpleResult(success, message));
+    return success ? 0 : 1;
+}
+
 int notYetAvailable() {
-    writeResultLine(simpleResult(false, "operation not available in this build"));
-    return 1;
+    return printSimpleResult(false, "operation not available in this build");
+}
+
+int runRestore() {
+    QString error;
+    const bool restored = storage::restoreBackup(&error);
+    return printSimpleResult(restored, restored ? std::string() : result::toUtf8(error));
+}
+
+// BlueZ first; only when it cannot remove the device is the store edited directly.
+int runForget(const std::string &mac) {
+    std::string error;
+    if (operations::forgetDevice(error, mac) ||
+        storage::forgetStoredDevice(result::fromUtf8(mac), nullptr, storage::storeRoot)) {
+        saveBluetoothConfig();
+        return printSimpleResult(true, std::string());
+    }
+    return printSimpleResult(false, error.empty() ? std::string("device not found") : error);
 }
 
 constexpr int scanSeconds = 10;
@@ -63,15 +90,13 @@ int runScan() {
     return document.status() == result::ResultStatus::Error ? 1 : 0;
 }
 
-// The result line comes before the backup: the caller learns the outcome
-// without waiting for the copy.
+// Unlike forget, the result line comes before the backup: the caller learns
+// the outcome without waiting for the copy.
 int runPair(const std::string &mac) {
     std::string error;
-    if (!pairing::pairTrustConnect(mac, error)) {
-        writeResultLine(simpleResult(false, error));
-        return 1;
-    }
-    writeResultLine(simpleResult(true, ""));
+    if (!pairing::pairTrustConnect(mac, error))
+        return printSimpleResult(false, error);
+    printSimpleResult(true, std::string());
     saveBluetoothConfig();
     return 0;
 }
@@ -104,6 +129,12 @@ int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName)
     switch (parsed.command) {
     case Command::Scan:
         return runScan();
+    case Command::List:
+        return operations::listKnownDevices();
+    case Command::Restore:
+        return runRestore();
+    case Command::Forget:
+        return runForget(*parsed.mac);
     case Command::Pair:
         return runPair(*parsed.mac);
     default:
@@ -139,7 +170,13 @@ bool requireRoot(const std::string &option) {
     return false;
 }
 
-void saveBluetoothConfig() {}
+void saveBluetoothConfig() {
+    if (geteuid() != 0)
+        return;
+    QString error;
+    if (!storage::saveBackup(&error))
+        bluez::DbusTrace::debug("warning: failed to save bluetooth config: " + error.toUtf8());
+}
 
 int runFrontEnd(int argc, char **argv) {
     qInstallMessageHandler(routeQtMessages);

@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <unistd.h>
+
 namespace kelvane::storage {
 
 namespace {
@@ -181,8 +183,35 @@ bool restoreBackupFrom(const QString &backup, const QString &store, QString *err
     return mirrorDirectory(backup, store, error);
 }
 
+// The backup lives in world-writable /tmp. Anyone may have planted a link or
+// a directory of their own on its way, and a save run as root clears the
+// target before it copies: every existing piece below /tmp must be a real
+// directory owned by us.
+bool backupPathIsOurs(const QString &backup, const QString &below, QString *error) {
+    const uint ourUid = static_cast<uint>(geteuid());
+    for (QString path = backup; path.startsWith(below + QLatin1Char('/'));
+         path = QFileInfo(path).path()) {
+        const QFileInfo info(path);
+        if (!info.exists() && !info.isSymLink())
+            continue;
+        if (info.isSymLink() || !info.isDir() || info.ownerId() != ourUid) {
+            setError(error,
+                     path == backup
+                         ? QStringLiteral("failed to create directory: %1").arg(path)
+                         : QStringLiteral("failed to create parent directory: %1").arg(path));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool saveBackupTo(const QString &store, const QString &backup, const QString &trustedRoot,
+                  QString *error) {
+    return backupPathIsOurs(backup, trustedRoot, error) && mirrorDirectory(store, backup, error);
+}
+
 bool saveBackup(QString *error) {
-    return mirrorDirectory(storeRoot, backupRoot, error);
+    return saveBackupTo(storeRoot, backupRoot, QStringLiteral("/tmp"), error);
 }
 
 bool restoreBackup(QString *error) {

@@ -21,6 +21,11 @@ bool mirrorDirectory(const QString &source, const QString &target, QString *erro
 // that is not a directory, is a successful no-op.
 bool restoreBackupFrom(const QString &backup, const QString &store, QString *error = nullptr);
 
+// Mirrors store into backup, after checking that every existing directory of
+// backup below trustedRoot is a real directory owned by the effective user.
+bool saveBackupTo(const QString &store, const QString &backup, const QString &trustedRoot,
+                  QString *error = nullptr);
+
 // Mirrors the live store into the backup location.
 bool saveBackup(QString *error = nullptr);
 

@@ -388,6 +388,41 @@ private slots:
         QCOMPARE(tree(store), before);
     }
 
+    // A link planted anywhere on the backup's way below the trusted root must
+    // stop the save before anything is cleared through it.
+    void saveRefusesPlantedLinks_data() {
+        QTest::addColumn<QString>("linked");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("backup itself")
+            << "config/files/var_bluetooth"
+            << "failed to create directory: %1/config/files/var_bluetooth";
+        QTest::newRow("parent") << "config/files"
+                                << "failed to create parent directory: %1/config/files";
+        QTest::newRow("grandparent") << "config"
+                                     << "failed to create parent directory: %1/config";
+    }
+
+    void saveRefusesPlantedLinks() {
+        QFETCH(QString, linked);
+        QFETCH(QString, message);
+        QTemporaryDir tmp;
+        const QString trusted = tmp.filePath("tmp"), victim = tmp.filePath("victim");
+        put(tmp.filePath("store/A/info"), "i");
+        put(victim + "/precious", "p");
+        QVERIFY(QDir().mkpath(QFileInfo(trusted + "/" + linked).absolutePath()));
+        QVERIFY(QFile::link(victim, trusted + "/" + linked));
+        QString error;
+        QVERIFY(!saveBackupTo(tmp.filePath("store"), trusted + "/config/files/var_bluetooth",
+                              trusted, &error));
+        QCOMPARE(error, message.arg(trusted));
+        QCOMPARE(tree(victim), QStringList{"precious=p"});
+        // Without the planted link the same save goes through.
+        QVERIFY(QFile::remove(trusted + "/" + linked));
+        QVERIFY(saveBackupTo(tmp.filePath("store"), trusted + "/config/files/var_bluetooth",
+                             trusted, &error));
+        QCOMPARE(tree(trusted + "/config/files/var_bluetooth"), tree(tmp.filePath("store")));
+    }
+
     void forgetStoredDevice_data() {
         QTest::addColumn<QString>("address");
         QTest::addColumn<QStringList>("removed");

@@ -1,0 +1,36 @@
+#!/bin/sh
+# Builds the Debian package from this tree into ./dist and checks it with
+# lintian (fails on lintian errors). Run as root on Debian 12:
+#     sh scripts/build-deb.sh && apt install ./dist/kelvane_*.deb
+set -eu
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/install-deps.sh" --packaging
+
+version=$(dpkg-parsechangelog -l "$top/debian/changelog" -S Version)
+arch=$(dpkg --print-architecture)
+dist=$top/dist
+
+# dpkg-buildpackage writes its results next to the source tree and leaves
+# build output inside it; build in a scratch copy so neither touches ours.
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT INT TERM
+src=$work/kelvane-${version%-*}
+mkdir "$src"
+tar -C "$top" --exclude=./.git --exclude='./build*' --exclude=./dist \
+    --exclude='./obj-*' --exclude=__pycache__ -cf - . | tar -C "$src" -xf -
+
+# The test suite is not run during the package build (it needs private
+# namespaces); nproc is capped because the build machines are small.
+jobs=$(nproc)
+[ "$jobs" -gt 2 ] && jobs=2
+options="nocheck parallel=$jobs"
+[ -n "${DEB_BUILD_OPTIONS:-}" ] && options="$DEB_BUILD_OPTIONS $options"
+(cd "$src" && DEB_BUILD_OPTIONS=$options dpkg-buildpackage -b -us -uc)
+
+mkdir -p "$dist"
+deb=kelvane_${version}_${arch}.deb
+rm -f "$dist"/kelvane_*.deb
+cp "$work/$deb" "$dist/"
+
+lintian --fail-on error --info "$dist/$deb"
+echo "build-deb: $dist/$deb"

@@ -1,0 +1,246 @@
+'''Running the real kelvane binary for end-to-end tests.
+
+run_kelvane() starts nsrun.py under `unshare --mount --propagation private`:
+the tool sees a fresh tmpfs at /tmp and /var/lib, a /var/lib/bluetooth built
+from the test's description (or none at all), the private bus as its system
+bus, and optionally an unprivileged user. What it prints and the files it
+leaves come back as a Run.
+'''
+
+import base64
+import json
+import os
+import secrets
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+NSRUN = HERE / 'nsrun.py'
+PYTHON = '/usr/bin/python3'
+NOBODY = 65534
+
+
+@dataclass(frozen=True)
+class File:
+    content: bytes = b''
+    mode: int = 0o644
+    uid: int = 0
+    gid: int = 0
+
+    def __post_init__(self):
+        if isinstance(self.content, str):
+            object.__setattr__(self, 'content', self.content.encode())
+
+    @property
+    def text(self):
+        return self.content.decode()
+
+
+@dataclass(frozen=True)
+class Dir:
+    mode: int = 0o755
+    uid: int = 0
+    gid: int = 0
+
+
+@dataclass(frozen=True)
+class Symlink:
+    target: str
+
+
+class _Absent:
+    def __repr__(self):
+        return 'NO_STORE'
+
+
+# store=NO_STORE: /var/lib/bluetooth does not exist at all.
+NO_STORE = _Absent()
+
+
+class Tree(dict):
+    '''A directory as {relative path: File | Dir | Symlink}, every level
+    listed; `mode` is the mode of the directory itself.'''
+
+    def __init__(self, entries=(), mode=None):
+        super().__init__(entries)
+        self.mode = mode
+
+    def files(self):
+        '''{path: bytes} of the regular files.'''
+        return {p: e.content for p, e in self.items() if isinstance(e, File)}
+
+    def text(self, path):
+        return self[path].text
+
+    def json(self, path):
+        return json.loads(self[path].content)
+
+
+def _describe(tree, root_mode):
+    '''Test description -> request entries. Values: File, Dir, Symlink, or
+    str/bytes (a file with mode 0644). "." describes the root itself.'''
+    entries = {'.': {'type': 'dir', 'mode': root_mode}}
+    for rel, value in (tree or {}).items():
+        if rel.startswith('/') or '..' in rel.split('/'):
+            raise ValueError('paths in a tree description are relative: %r' % rel)
+        if isinstance(value, (str, bytes)):
+            value = File(value)
+        if isinstance(value, File):
+            entries[rel] = {'type': 'file', 'content': base64.b64encode(value.content).decode(),
+                            'mode': value.mode, 'uid': value.uid, 'gid': value.gid}
+        elif isinstance(value, Dir):
+            entries[rel] = {'type': 'dir', 'mode': value.mode, 'uid': value.uid, 'gid': value.gid}
+        elif isinstance(value, Symlink):
+            entries[rel] = {'type': 'symlink', 'target': value.target}
+        else:
+            raise TypeError('cannot describe %r' % (value,))
+    return entries
+
+
+def _tree(report):
+    if report is None:
+        return None
+    entries = {}
+    for rel, e in report['entries'].items():
+        if e['type'] == 'file':
+            entries[rel] = File(base64.b64decode(e['content']), e['mode'], e['uid'], e['gid'])
+        elif e['type'] == 'dir':
+            entries[rel] = Dir(e['mode'], e['uid'], e['gid'])
+        elif e['type'] == 'symlink':
+            entries[rel] = Symlink(e['target'])
+        else:
+            entries[rel] = e
+    return Tree(entries, report['mode'])
+
+
+def _assert_compact(line):
+    in_string = escaped = False
+    for i, ch in enumerate(line):
+        if in_string:
+            if escaped:
+                escaped = False
+            elif ch == '\\':
+                escaped = True
+            elif ch == '"':
+                in_string = False
+            elif ord(ch) < 0x20:
+                raise AssertionError('raw control character in a JSON string at %d: %r' % (i, line))
+        elif ch == '"':
+            in_string = True
+        elif ch in ' \t\r\n':
+            raise AssertionError('JSON on stdout is not compact (blank at %d): %r' % (i, line))
+
+
+def _sorted_object(pairs):
+    keys = [k for k, _ in pairs]
+    assert len(set(keys)) == len(keys), 'duplicate JSON member in %r' % keys
+    assert keys == sorted(keys), 'JSON members not in ascending order: %r' % keys
+    return dict(pairs)
+
+
+def _no_constant(name):
+    raise AssertionError('not JSON: %s' % name)
+
+
+def assert_one_json_line(stdout):
+    '''stdout is exactly one line holding one compact JSON object whose
+    members are in ascending order; returns the object.'''
+    assert stdout.endswith('\n') and stdout.count('\n') == 1, \
+        'expected exactly one line on stdout, got %r' % stdout
+    line = stdout[:-1]
+    _assert_compact(line)
+    try:
+        value = json.loads(line, object_pairs_hook=_sorted_object, parse_constant=_no_constant)
+    except ValueError as e:
+        raise AssertionError('stdout is not JSON (%s): %r' % (e, line)) from e
+    assert isinstance(value, dict), 'stdout holds JSON but not an object: %r' % line
+    return value
+
+
+class Run:
+    '''One run of the tool: argv, status, stdout, stderr (text; *_bytes raw),
+    json (the parsed result line when it was expected), tmp and store (Tree
+    snapshots of /tmp and /var/lib/bluetooth after the run; store is None
+    when the directory does not exist), seconds.'''
+
+    def __init__(self, argv, report):
+        self.argv = argv
+        self.status = report['status']
+        self.timed_out = report['timed_out']
+        self.seconds = report['seconds']
+        self.stdout_bytes = base64.b64decode(report['stdout'])
+        self.stderr_bytes = base64.b64decode(report['stderr'])
+        self.stdout = self.stdout_bytes.decode('utf-8', 'replace')
+        self.stderr = self.stderr_bytes.decode('utf-8', 'replace')
+        self.tmp = _tree(report['tmp'])
+        self.store = _tree(report['store'])
+        self.json = None
+
+    def events(self):
+        '''The pairing event file, parsed (None when absent).'''
+        if 'kelvane-events.json' not in self.tmp:
+            return None
+        return self.tmp.json('kelvane-events.json')
+
+    def __repr__(self):
+        return ('Run(argv=%r, status=%r, %.1fs)\n--- stdout ---\n%s\n--- stderr ---\n%s'
+                % (self.argv, self.status, self.seconds, self.stdout, self.stderr))
+
+
+def dead_bus_address():
+    '''A bus address nobody listens on: a run without a bus must never reach
+    the machine's own system bus.'''
+    return 'unix:abstract=kelvane-no-bus-' + secrets.token_hex(8)
+
+
+def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
+                env=None, argv0=None, timeout=60, expect_json=True, readonly=()):
+    '''Runs `binary args...` in a private mount namespace and returns a Run.
+
+    root: run as root, else as nobody (uid/gid 65534, no groups).
+    store: description of /var/lib/bluetooth ({path: File|Dir|Symlink|text},
+        "." for the directory itself, default mode 0700), NO_STORE for none.
+    tmp: description of /tmp (default: empty, mode 1777).
+    env: extra environment (a None value removes a variable).
+    argv0: the invocation word (default: the binary's path).
+    expect_json: assert one compact JSON line on stdout and parse it.
+    readonly: any of "tmp", "store": mounted read-only for the run.
+    Every run has a timeout; running out of it fails the test.'''
+    if os.geteuid() != 0:
+        import pytest  # pylint: disable=import-outside-toplevel
+        pytest.skip('the end-to-end harness needs root for its mount namespace')
+    argv = [argv0 if argv0 is not None else str(binary)] + list(args)
+    environment = {
+        'PATH': '/usr/sbin:/usr/bin:/sbin:/bin', 'LANG': 'C.UTF-8',
+        'HOME': '/root' if root else '/nonexistent',
+        'DBUS_SYSTEM_BUS_ADDRESS': bus_address or dead_bus_address(),
+    }
+    for key, value in (env or {}).items():
+        if value is None:
+            environment.pop(key, None)
+        else:
+            environment[key] = value
+    request = {
+        'binary': str(binary), 'argv': argv, 'env': environment, 'timeout': timeout,
+        'uid': None if root else NOBODY, 'gid': None if root else NOBODY,
+        'tmp': _describe(tmp, 0o1777),
+        'store': None if store is NO_STORE else _describe(store, 0o700),
+        'readonly': list(readonly),
+    }
+    completed = subprocess.run(
+        ['unshare', '--mount', '--propagation', 'private', PYTHON, str(NSRUN)],
+        input=json.dumps(request).encode(), capture_output=True, timeout=timeout + 30,
+        check=False)
+    if completed.returncode != 0:
+        raise RuntimeError('the namespace runner failed (%d):\n%s'
+                           % (completed.returncode, completed.stderr.decode(errors='replace')))
+    run = Run(argv, json.loads(completed.stdout))
+    if run.timed_out:
+        raise AssertionError('kelvane did not finish within %ss\n%r' % (timeout, run))
+    if expect_json:
+        try:
+            run.json = assert_one_json_line(run.stdout)
+        except AssertionError as e:
+            raise AssertionError('%s\n%r' % (e, run)) from None
+    return run

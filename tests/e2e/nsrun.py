@@ -1,0 +1,186 @@
+'''Runs kelvane once inside a private mount namespace (started by harness.py
+through `unshare --mount --propagation private`).
+
+Reads a JSON request on stdin, puts fresh tmpfs over /tmp and /var/lib (the
+rest of /var/lib is bound back in, /var/lib/bluetooth is created from the
+request or left absent), runs the tool, and writes a JSON report on stdout:
+the tool's exit status, stdout, stderr, and what it left in /tmp and
+/var/lib/bluetooth. Nothing of the host's /tmp or /var/lib is ever written:
+the mounts vanish with the namespace.
+'''
+
+import base64
+import ctypes
+import json
+import os
+import signal
+import stat
+import subprocess
+import sys
+import time
+
+MS_RDONLY = 1
+MS_REMOUNT = 32
+MS_BIND = 4096
+MS_REC = 16384
+MNT_DETACH = 2
+
+STORE = '/var/lib/bluetooth'
+STAGING = '/tmp/.kelvane-e2e-var-lib'
+PRIVATE_DIR = '/var/lib/.kelvane-e2e'
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def mount(source, target, fstype=None, flags=0, data=None):
+    def c(text):
+        return text.encode() if text is not None else None
+    if _libc.mount(c(source), c(target), c(fstype), ctypes.c_ulong(flags), c(data)) != 0:
+        err = ctypes.get_errno()
+        raise OSError(err, 'mount %s on %s: %s' % (source, target, os.strerror(err)))
+
+
+def umount(target):
+    if _libc.umount2(target.encode(), MNT_DETACH) != 0:
+        err = ctypes.get_errno()
+        raise OSError(err, 'umount %s: %s' % (target, os.strerror(err)))
+
+
+def overlay_var_lib():
+    '''A tmpfs over /var/lib that still shows everything of the host's
+    /var/lib except bluetooth, each entry bound back from a staging bind.'''
+    os.mkdir(STAGING)
+    mount('/var/lib', STAGING, flags=MS_BIND)
+    mount('kelvane-var-lib', '/var/lib', 'tmpfs', data='mode=0755')
+    for entry in os.scandir(STAGING):
+        if entry.name == 'bluetooth':
+            continue
+        target = os.path.join('/var/lib', entry.name)
+        if entry.is_symlink():
+            os.symlink(os.readlink(entry.path), target)
+            continue
+        if entry.is_dir():
+            os.mkdir(target)
+        else:
+            open(target, 'w').close()
+        mount(entry.path, target, flags=MS_BIND | MS_REC)
+    umount(STAGING)
+    os.rmdir(STAGING)
+
+
+def stage_binary(fd, name):
+    '''The tool's binary may live below /tmp or /var/lib (a build directory
+    there): bind the file opened before the tmpfs went up into a private
+    directory of the new /var/lib.'''
+    os.makedirs(PRIVATE_DIR, exist_ok=True)
+    target = os.path.join(PRIVATE_DIR, name)
+    open(target, 'w').close()
+    mount('/proc/self/fd/%d' % fd, target, flags=MS_BIND)
+    return target
+
+
+def populate(root, entries):
+    '''Creates the described tree under root: entries map relative paths
+    ("." for root itself) to {type: file|dir|symlink, content (base64),
+    target, mode, uid, gid}. Modes are applied last, deepest first.'''
+    modes = []
+    def depth(item):
+        return (item[0] != '.', item[0].count('/'))
+
+    for rel, entry in sorted(entries.items(), key=depth):
+        path = root if rel == '.' else os.path.join(root, rel)
+        os.makedirs(os.path.dirname(path) if rel != '.' else root, exist_ok=True)
+        kind = entry['type']
+        if kind == 'dir':
+            os.makedirs(path, exist_ok=True)
+        elif kind == 'symlink':
+            os.symlink(entry['target'], path)
+            continue
+        else:
+            with open(path, 'wb') as out:
+                out.write(base64.b64decode(entry['content']))
+        os.lchown(path, entry.get('uid', 0), entry.get('gid', 0))
+        modes.append((path, entry['mode']))
+    for path, mode in sorted(modes, key=lambda item: -item[0].count('/')):
+        os.chmod(path, mode)
+
+
+def snapshot(root):
+    '''Everything under root as {relative path: entry}, plus root's mode.'''
+    if not os.path.lexists(root):
+        return None
+    tree = {}
+    for dirpath, dirnames, filenames in os.walk(root):
+        for name in sorted(dirnames + filenames):
+            path = os.path.join(dirpath, name)
+            rel = os.path.relpath(path, root)
+            info = os.lstat(path)
+            entry = {'mode': stat.S_IMODE(info.st_mode), 'uid': info.st_uid, 'gid': info.st_gid}
+            if stat.S_ISLNK(info.st_mode):
+                entry.update(type='symlink', target=os.readlink(path))
+            elif stat.S_ISDIR(info.st_mode):
+                entry.update(type='dir')
+            elif stat.S_ISREG(info.st_mode):
+                with open(path, 'rb') as f:
+                    entry.update(type='file', content=base64.b64encode(f.read()).decode())
+            else:
+                entry.update(type='other')
+            tree[rel] = entry
+    info = os.lstat(root)
+    return {'mode': stat.S_IMODE(info.st_mode), 'entries': tree}
+
+
+def run_tool(request, binary):
+    uid, gid = request.get('uid'), request.get('gid')
+
+    def drop_privileges():
+        # What `setpriv --reuid --regid --clear-groups` does, done here so
+        # argv[0] can be any word.
+        if uid is not None:
+            os.setgroups([])
+            os.setresgid(gid, gid, gid)
+            os.setresuid(uid, uid, uid)
+
+    started = time.monotonic()
+    process = subprocess.Popen(
+        request['argv'], executable=binary, env=request['env'], cwd='/',
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        preexec_fn=drop_privileges, start_new_session=True)
+    timed_out = False
+    try:
+        stdout, stderr = process.communicate(timeout=request['timeout'])
+    except subprocess.TimeoutExpired:
+        timed_out = True
+        os.killpg(process.pid, signal.SIGKILL)
+        stdout, stderr = process.communicate()
+    return {
+        'status': process.returncode, 'timed_out': timed_out,
+        'seconds': round(time.monotonic() - started, 3),
+        'stdout': base64.b64encode(stdout).decode(), 'stderr': base64.b64encode(stderr).decode(),
+    }
+
+
+def main():
+    request = json.load(sys.stdin)
+    binary = request['binary']
+    binary_fd = os.open(binary, os.O_RDONLY)
+    mount('kelvane-tmp', '/tmp', 'tmpfs', data='mode=1777')
+    overlay_var_lib()
+    if os.path.realpath(binary).startswith(('/tmp/', '/var/lib/')):
+        binary = stage_binary(binary_fd, os.path.basename(binary))
+    os.close(binary_fd)
+    populate('/tmp', request['tmp'])
+    if request['store'] is not None:
+        populate(STORE, request['store'])
+    for where in request.get('readonly', []):
+        path = {'tmp': '/tmp', 'store': STORE}[where]
+        mount(path, path, flags=MS_BIND)
+        mount(None, path, flags=MS_REMOUNT | MS_BIND | MS_RDONLY)
+    report = run_tool(request, binary)
+    report['tmp'] = snapshot('/tmp')
+    report['store'] = snapshot(STORE)
+    json.dump(report, sys.stdout)
+
+
+if __name__ == '__main__':
+    main()

@@ -1,0 +1,441 @@
+'''A private D-Bus daemon and the simulated BlueZ running on it.
+
+PrivateBus starts a dbus-daemon that allows everything, listening on an
+abstract socket of its own, so nothing touches the machine's system bus and
+parallel test runs never meet. Sim starts bluez_sim.py (a python-dbusmock
+template) on such a bus and is the Python client of its org.kelvane.Sim
+control interface.
+'''
+
+import json
+import os
+import secrets
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import dbus
+
+HERE = Path(__file__).resolve().parent
+TEMPLATE = HERE / 'bluez_sim.py'
+PYTHON = '/usr/bin/python3'
+
+SIM_IFACE = 'org.kelvane.Sim'
+ADAPTER_IFACE = 'org.bluez.Adapter1'
+DEVICE_IFACE = 'org.bluez.Device1'
+
+BUS_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>{listen}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+'''
+
+
+def _memfd(name, data=b''):
+    fd = os.memfd_create(name, 0)
+    os.write(fd, data)
+    return fd
+
+
+def _read_memfd(fd):
+    size = os.fstat(fd).st_size
+    return os.pread(fd, size, 0).decode('utf-8', 'replace')
+
+
+class PrivateBus:
+    '''A dbus-daemon of our own on unix:abstract=kelvane-<random>.
+
+    The configuration travels in a memfd, so no file is written anywhere.'''
+
+    def __init__(self):
+        self.name = 'kelvane-%d-%s' % (os.getpid(), secrets.token_hex(6))
+        config = _memfd('kelvane-bus-config',
+                        BUS_CONFIG.format(listen='unix:abstract=' + self.name).encode())
+        self._log = _memfd('kelvane-bus-log')
+        read_end, write_end = os.pipe()
+        try:
+            self.process = subprocess.Popen(
+                ['dbus-daemon', '--config-file=/proc/self/fd/%d' % config, '--nofork',
+                 '--nosyslog', '--print-address=%d' % write_end],
+                pass_fds=(config, write_end), stdin=subprocess.DEVNULL,
+                stdout=self._log, stderr=self._log)
+            os.close(write_end)
+            write_end = -1
+            address = b''
+            while not address.endswith(b'\n'):
+                chunk = os.read(read_end, 4096)
+                if not chunk:
+                    raise RuntimeError('dbus-daemon did not start: ' + self.log())
+                address += chunk
+        finally:
+            os.close(read_end)
+            os.close(config)
+            if write_end >= 0:
+                os.close(write_end)
+        self.address = address.decode().strip()
+
+    def log(self):
+        return _read_memfd(self._log)
+
+    def connect(self):
+        return dbus.bus.BusConnection(self.address)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(5)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        os.close(self._log)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+
+# BlueZ's types for the properties the simulator is usually given; any value
+# that already is a dbus-python type is sent as it is (which is how a test
+# gives a property a deliberately wrong type).
+_STRING = dbus.String
+_BOOL = dbus.Boolean
+
+
+def _string_list(value):
+    return dbus.Array([dbus.String(v) for v in value], signature='s')
+
+
+PROPERTY_TYPES = {
+    'Address': _STRING, 'AddressType': _STRING, 'Name': _STRING, 'Alias': _STRING,
+    'Icon': _STRING, 'Modalias': _STRING, 'Class': dbus.UInt32, 'Appearance': dbus.UInt16,
+    'RSSI': dbus.Int16, 'TxPower': dbus.Int16, 'UUIDs': _string_list, 'Adapter': dbus.ObjectPath,
+    'Powered': _BOOL, 'Discoverable': _BOOL, 'Pairable': _BOOL, 'Discovering': _BOOL,
+    'Paired': _BOOL, 'Bonded': _BOOL, 'Trusted': _BOOL, 'Blocked': _BOOL, 'Connected': _BOOL,
+    'LegacyPairing': _BOOL, 'ServicesResolved': _BOOL, 'WakeAllowed': _BOOL,
+    'DiscoverableTimeout': dbus.UInt32, 'PairableTimeout': dbus.UInt32,
+}
+
+# Keyword arguments of add_adapter/add_device and the property they set.
+KEYWORDS = {
+    'address': 'Address', 'name': 'Name', 'alias': 'Alias', 'icon': 'Icon',
+    'device_class': 'Class', 'appearance': 'Appearance', 'rssi': 'RSSI', 'uuids': 'UUIDs',
+    'powered': 'Powered', 'pairable': 'Pairable', 'discoverable': 'Discoverable',
+    'paired': 'Paired', 'bonded': 'Bonded', 'trusted': 'Trusted', 'blocked': 'Blocked',
+    'connected': 'Connected', 'legacy_pairing': 'LegacyPairing', 'address_type': 'AddressType',
+}
+
+
+def typed(name, value):
+    if hasattr(value, 'variant_level'):
+        return value
+    convert = PROPERTY_TYPES.get(name)
+    if convert is not None:
+        return convert(value)
+    if isinstance(value, bool):
+        return dbus.Boolean(value)
+    if isinstance(value, int):
+        return dbus.Int32(value)
+    if isinstance(value, float):
+        return dbus.Double(value)
+    if isinstance(value, (list, tuple)) and all(isinstance(v, str) for v in value):
+        return _string_list(value)
+    return value
+
+
+def typed_props(props=None, **keywords):
+    out = {}
+    for key, value in keywords.items():
+        if value is not None:
+            out[KEYWORDS[key]] = typed(KEYWORDS[key], value)
+    for key, value in (props or {}).items():
+        out[key] = typed(key, value)
+    return dbus.Dictionary(out, signature='sv')
+
+
+def passkey_display(passkey, digits=6):
+    '''DisplayPasskey as a remote keyboard produces it: shown, then one
+    notification per typed digit.'''
+    return [{'method': 'DisplayPasskey', 'passkey': passkey, 'entered': n}
+            for n in range(digits + 1)]
+
+
+# Pairing behaviours of a device: the agent callbacks bluetoothd makes while
+# Pair runs, in order. A step may carry 'delay' (seconds before it) and
+# 'expect' (the reply a request must get, else authentication fails).
+PAIRING_MODES = {
+    'just-works': [],
+    'confirm': [{'method': 'RequestConfirmation', 'passkey': 123456}],
+    'display-passkey': passkey_display(123456),
+    'display-pin': [{'method': 'DisplayPinCode', 'pin': '0000'}],
+    'pin-entry': [{'method': 'RequestPinCode'}],
+    'passkey-entry': [{'method': 'RequestPasskey'}],
+    'authorize': [{'method': 'RequestAuthorization'}],
+    'cancel': [{'method': 'RequestConfirmation', 'passkey': 123456}, {'method': 'Cancel'}],
+}
+
+PAGE_TIMEOUT = ('org.bluez.Error.ConnectionAttemptFailed', 'Page Timeout')
+
+
+class Call(dict):
+    '''One logged method call: method, path, interface, args, types, sender,
+    time (seconds since the simulator started), seq and, for an injected
+    failure, fault (the error name).'''
+
+    def __getattr__(self, key):
+        try:
+            return self[key]
+        except KeyError as e:
+            raise AttributeError(key) from e
+
+
+class Sim:
+    '''The simulated BlueZ on a PrivateBus, and the client to configure it.
+
+    Every add_*/set_* call configures the running simulator at once, so a test
+    describes its whole world before it starts the tool.'''
+
+    def __init__(self, bus, start_timeout=10.0):
+        self.bus = bus
+        self._log = _memfd('kelvane-sim-log')
+        env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address, PYTHONUNBUFFERED='1')
+        env.pop('DBUS_SESSION_BUS_ADDRESS', None)
+        self.process = subprocess.Popen(
+            [PYTHON, '-m', 'dbusmock', '--system', '-t', str(TEMPLATE)],
+            env=env, stdin=subprocess.DEVNULL, stdout=self._log, stderr=self._log)
+        self.conn = bus.connect()
+        deadline = time.monotonic() + start_timeout
+        while not self.conn.name_has_owner('org.bluez'):
+            if self.process.poll() is not None or time.monotonic() > deadline:
+                output = self.log()
+                self.stop()
+                raise RuntimeError('simulated BlueZ did not start:\n' + output)
+            time.sleep(0.01)
+        # Addressed by unique name: the simulator stays reachable after it
+        # has given up org.bluez.
+        self.unique_name = self.conn.get_name_owner('org.bluez')
+        self.control = dbus.Interface(
+            self.conn.get_object(self.unique_name, '/', introspect=False), SIM_IFACE)
+
+    @property
+    def address(self):
+        return self.bus.address
+
+    def log(self):
+        '''What the simulator printed (dbusmock's own method log, tracebacks).'''
+        return _read_memfd(self._log) if self._log >= 0 else ''
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(5)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        try:
+            self.conn.close()
+        except Exception:  # pylint: disable=broad-except
+            pass
+        if self._log >= 0:
+            os.close(self._log)
+            self._log = -1
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    # -- the world ---------------------------------------------------------
+
+    def add_adapter(self, where='hci0', props=None, omit=(), **keywords):
+        '''Adds an adapter at /org/bluez/<where> (or at <where> when it is a
+        path). Unless omitted, it has an address, names, Powered true,
+        Pairable and Discovering false. Keywords: address, name, alias,
+        powered, pairable, discoverable; props: any BlueZ properties.'''
+        return str(self.control.AddAdapter(where, typed_props(props, **keywords),
+                                           dbus.Array(omit, signature='s')))
+
+    def add_device(self, adapter, address, props=None, omit=(), appear_after=None,
+                   vanish_after=None, pairing=None, path=None, **keywords):
+        '''Adds a device under the adapter (its name, e.g. "hci0", or path).
+        Unless omitted it has Address, AddressType, Alias, Adapter, Paired,
+        Bonded, Trusted, Blocked, LegacyPairing, Connected and
+        ServicesResolved; Name, Icon, Class, Appearance, RSSI and UUIDs only
+        when given. Keywords: name, alias, icon, device_class, appearance,
+        rssi, uuids, paired, trusted, connected, blocked, legacy_pairing.
+        appear_after / vanish_after: seconds of discovery on the adapter
+        before the device object appears / disappears. pairing: a mode of
+        PAIRING_MODES, a list of steps or a full configuration (set_pairing).'''
+        options = {}
+        if appear_after is not None:
+            options['appear_after'] = dbus.Double(appear_after)
+        if vanish_after is not None:
+            options['vanish_after'] = dbus.Double(vanish_after)
+        if path is not None:
+            options['path'] = dbus.String(path)
+        device = str(self.control.AddDevice(
+            adapter, address, typed_props(props, **keywords), dbus.Array(omit, signature='s'),
+            dbus.Dictionary(options, signature='sv')))
+        if pairing is not None:
+            self.set_pairing(device, pairing)
+        return device
+
+    def schedule(self, device, at, action='update', props=None, **keywords):
+        '''After `at` seconds of discovery on the device's adapter: "appear",
+        "vanish" or "update" (set the given properties).'''
+        self.control.ScheduleDevice(device, float(at), action, typed_props(props, **keywords))
+
+    def set_props(self, path, interface=None, props=None, **keywords):
+        interface = interface or (DEVICE_IFACE if '/dev_' in path else ADAPTER_IFACE)
+        self.control.SetProperties(path, interface, typed_props(props, **keywords))
+
+    def delete_props(self, path, names, interface=None):
+        interface = interface or (DEVICE_IFACE if '/dev_' in path else ADAPTER_IFACE)
+        self.control.DeleteProperties(path, interface, dbus.Array(names, signature='s'))
+
+    def drop(self, path):
+        '''Removes an adapter (with its devices) or a device.'''
+        self.control.Drop(path)
+
+    def set_pairing(self, device, pairing, error=None, reject_error=None, without_agent=None,
+                    props_after=None):
+        '''How Pair behaves for the device. pairing: a PAIRING_MODES name, a
+        list of steps ({'method': 'RequestConfirmation', 'passkey': 4711}, ...)
+        or a dict with 'steps'. error: (name, message) Pair fails with after
+        the steps. reject_error: (name, message) replacing an agent's error
+        (by default Pair fails with the agent's own error). without_agent:
+        "succeed" (default, bluetoothd's just-works fallback) or "fail".'''
+        if isinstance(pairing, str):
+            config = {'steps': PAIRING_MODES[pairing]}
+        elif isinstance(pairing, dict):
+            config = dict(pairing)
+        else:
+            config = {'steps': list(pairing)}
+        if error is not None:
+            config['error'] = {'name': error[0], 'message': error[1]}
+        if reject_error is not None:
+            config['reject_error'] = {'name': reject_error[0], 'message': reject_error[1]}
+        if without_agent is not None:
+            config['without_agent'] = without_agent
+        if props_after is not None:
+            config['props_after'] = props_after
+        self.control.SetPairing(device, json.dumps(config))
+
+    # -- failures ----------------------------------------------------------
+
+    def fault(self, method, error='org.bluez.Error.Failed', message='Failed', times=1,
+              path=None, interface=None, prop=None):
+        '''The next `times` calls (None: all) of `method` matching path,
+        interface and (for Properties Get/Set) property fail with the error.'''
+        match = {}
+        if path is not None:
+            match['path'] = dbus.String(path)
+        if interface is not None:
+            match['interface'] = dbus.String(interface)
+        if prop is not None:
+            match['property'] = dbus.String(prop)
+        self.control.InjectFault(method, error, message, -1 if times is None else int(times),
+                                 dbus.Dictionary(match, signature='sv'))
+
+    def fault_set(self, prop, error='org.bluez.Error.Failed', message='Failed', times=1, path=None):
+        '''Properties.Set of `prop` fails.'''
+        self.fault('Set', error, message, times, path=path, prop=prop)
+
+    def page_timeout(self, times=1, path=None):
+        '''Pair fails the way bluetoothd reports an unreachable device.'''
+        self.fault('Pair', *PAGE_TIMEOUT, times=times, path=path)
+
+    def clear_faults(self):
+        self.control.ClearFaults()
+
+    def object_managers(self, *paths):
+        '''Where GetManagedObjects is served: "/" (default), "/org/bluez" or
+        nowhere (no argument); elsewhere it fails with UnknownMethod.'''
+        self.control.SetObjectManagers(dbus.Array(paths, signature='s'))
+
+    def leave_bus(self, after_managed_objects=None, after_seconds=None):
+        '''Give up org.bluez: after serving that many more GetManagedObjects
+        calls, after some seconds, or (with neither) right away.'''
+        when = {}
+        if after_managed_objects is not None:
+            when['after_managed_objects'] = dbus.UInt32(after_managed_objects)
+        if after_seconds is not None:
+            when['after_seconds'] = dbus.Double(after_seconds)
+        self.control.LeaveBus(dbus.Dictionary(when, signature='sv'))
+
+    def configure(self, agent_timeout=None):
+        options = {}
+        if agent_timeout is not None:
+            options['agent_timeout'] = dbus.Double(agent_timeout)
+        self.control.Configure(dbus.Dictionary(options, signature='sv'))
+
+    # -- what happened -----------------------------------------------------
+
+    def calls(self, method=None, path=None, interface=None, include_own=False):
+        '''The logged method calls in order, optionally filtered. Calls made
+        through this client's own connection are left out unless asked for.'''
+        out = []
+        own = self.conn.get_unique_name()
+        for entry in json.loads(str(self.control.CallLog())):
+            if not include_own and entry['sender'] == own:
+                continue
+            if method is not None and entry['method'] != method:
+                continue
+            if path is not None and entry['path'] != path:
+                continue
+            if interface is not None and entry['interface'] != interface:
+                continue
+            out.append(Call(entry))
+        return out
+
+    def methods(self, **filters):
+        '''The names of the logged calls, in order.'''
+        return [c['method'] for c in self.calls(**filters)]
+
+    def clear_calls(self):
+        self.control.ClearCallLog()
+
+    def agent_calls(self):
+        '''Agent callbacks the simulator made: method, args, device, owner,
+        agent path and the reply or error it got.'''
+        return json.loads(str(self.control.AgentLog()))
+
+    def state(self):
+        '''objects (path -> interface -> properties), hidden_devices,
+        adapters (discovery seconds, sessions, filters), agents,
+        object_managers, left_bus, unique_name.'''
+        return json.loads(str(self.control.State()))
+
+    def props(self, path, interface=None):
+        interface = interface or (DEVICE_IFACE if '/dev_' in path else ADAPTER_IFACE)
+        return self.state()['objects'][path][interface]
+
+    def agents(self):
+        return self.state()['agents']
+
+
+def describe_failure(sim=None, bus=None):
+    '''Logs worth printing when a test fails.'''
+    parts = []
+    if sim is not None:
+        parts.append('--- simulated BlueZ output ---\n' + sim.log())
+    if bus is not None:
+        parts.append('--- dbus-daemon output ---\n' + bus.log())
+    return '\n'.join(parts)
+
+
+if __name__ == '__main__':
+    sys.exit('use scripts/bluez-sim to run the simulator on its own')
