@@ -251,16 +251,21 @@ private slots:
         QVERIFY(QFile::link(tmp.filePath("nowhere"), src + "/dangling"));
         const QFile::Permissions secret = QFile::ReadOwner | QFile::WriteOwner;
         const QFile::Permissions dirMode = secret | QFile::ExeOwner | QFile::ReadGroup;
+        const QFile::Permissions readOnly = QFile::ReadOwner | QFile::ReadGroup;
+        put(src + "/keys/readonly", "r");
         QVERIFY(QFile::setPermissions(src + "/keys/linkkey", secret));
+        QVERIFY(QFile::setPermissions(src + "/keys/readonly", readOnly));
         QVERIFY(QFile::setPermissions(src + "/keys", dirMode));
 
         QVERIFY(mirrorDirectory(src, dst));
         QCOMPARE(tree(dst), QStringList({"dirlink", "dirlink/inner=i", "filelink=f", "keys",
-                                         "keys/linkkey=k"}));
+                                         "keys/linkkey=k", "keys/readonly=r"}));
         // Owner, group and other bits; the "user" bits only echo the caller's access.
         const auto mode = [](const QString &p) { return QFile::permissions(p) & 0x7077; };
         QCOMPARE(mode(dst + "/keys/linkkey"), secret);
         QCOMPARE(mode(dst + "/keys"), dirMode);
+        // Also when the caller may write anyway (root).
+        QCOMPARE(mode(dst + "/keys/readonly"), readOnly);
     }
 
     void clearRemovesLinksNotTargets() {
