@@ -38,6 +38,13 @@ QString resolvedPath(const QString &path) {
     return QDir(resolvedPath(parent)).filePath(info.fileName());
 }
 
+// QFileInfo adds "user" flags from access() for the caller, and root may
+// write anything: copied as they are, a 0400 link key would come out 0600.
+// Only the owner, group and other bits of the mode count.
+QFile::Permissions modeOf(const QFileInfo &info) {
+    return info.permissions() & ~(QFile::ReadUser | QFile::WriteUser | QFile::ExeUser);
+}
+
 bool isWithin(const QString &path, const QString &dir) {
     const QString prefix = dir.endsWith(QLatin1Char('/')) ? dir : dir + QLatin1Char('/');
     return path == dir || path.startsWith(prefix);
@@ -76,8 +83,7 @@ bool copyFile(const QFileInfo &source, const QString &target, QString *error) {
     }
     // Copying through a link yields the content of what it points to. The
     // store holds link keys readable by root only, so the mode must follow.
-    if (!QFile::copy(source.filePath(), target) ||
-        !QFile::setPermissions(target, source.permissions())) {
+    if (!QFile::copy(source.filePath(), target) || !QFile::setPermissions(target, modeOf(source))) {
         setError(error, QStringLiteral("failed to copy %1 to %2").arg(source.filePath(), target));
         return false;
     }
@@ -107,7 +113,7 @@ bool copyTree(const QString &source, const QString &target, Ancestors &ancestors
         return false;
     ancestors.removeLast();
     // Applied last so that a read-only source mode cannot block the copy.
-    if (!QFile::setPermissions(target, info.permissions())) {
+    if (!QFile::setPermissions(target, modeOf(info))) {
         setError(error, QStringLiteral("failed to create directory: %1").arg(target));
         return false;
     }
@@ -163,7 +169,7 @@ bool mirrorDirectory(const QString &source, const QString &target, QString *erro
     Ancestors ancestors{sourceInfo.canonicalFilePath()};
     if (!copyEntries(source, target, ancestors, error))
         return false;
-    if (!QFile::setPermissions(target, sourceInfo.permissions())) {
+    if (!QFile::setPermissions(target, modeOf(sourceInfo))) {
         setError(error, QStringLiteral("failed to create directory: %1").arg(target));
         return false;
     }

@@ -251,16 +251,21 @@ private slots:
         QVERIFY(QFile::link(tmp.filePath("nowhere"), src + "/dangling"));
         const QFile::Permissions secret = QFile::ReadOwner | QFile::WriteOwner;
         const QFile::Permissions dirMode = secret | QFile::ExeOwner | QFile::ReadGroup;
+        const QFile::Permissions readOnly = QFile::ReadOwner | QFile::ReadGroup;
+        put(src + "/keys/readonly", "r");
         QVERIFY(QFile::setPermissions(src + "/keys/linkkey", secret));
+        QVERIFY(QFile::setPermissions(src + "/keys/readonly", readOnly));
         QVERIFY(QFile::setPermissions(src + "/keys", dirMode));
 
         QVERIFY(mirrorDirectory(src, dst));
         QCOMPARE(tree(dst), QStringList({"dirlink", "dirlink/inner=i", "filelink=f", "keys",
-                                         "keys/linkkey=k"}));
+                                         "keys/linkkey=k", "keys/readonly=r"}));
         // Owner, group and other bits; the "user" bits only echo the caller's access.
         const auto mode = [](const QString &p) { return QFile::permissions(p) & 0x7077; };
         QCOMPARE(mode(dst + "/keys/linkkey"), secret);
         QCOMPARE(mode(dst + "/keys"), dirMode);
+        // Also when the caller may write anyway (root).
+        QCOMPARE(mode(dst + "/keys/readonly"), readOnly);
     }
 
     void clearRemovesLinksNotTargets() {
@@ -435,6 +440,8 @@ private slots:
                              << QStringList{"A1 11:22:33:44:55:66 name=Other|trusted"};
         QTest::newRow("link, not its target") << "cc-cc-cc-cc-cc-cc" << QStringList{"A3/CC"}
                                               << QStringList{"A3 CC:CC:CC:CC:CC:CC name=Out"};
+        QTest::newRow("not through a linked adapter")
+            << "DD:DD:DD:DD:DD:DD" << QStringList{} << QStringList{};
         QTest::newRow("no match") << "AA:BB:CC:DD:EE:00" << QStringList{} << QStringList{};
         QTest::newRow("prefix only") << "aa:bb:cc:dd:ee:f" << QStringList{} << QStringList{};
     }
@@ -452,6 +459,8 @@ private slots:
         put(tmp.filePath("outside/info"), "[General]\nName=Out");
         QDir().mkpath(root + "/A3");
         QVERIFY(QFile::link(tmp.filePath("outside"), root + "/A3/CC:CC:CC:CC:CC:CC"));
+        put(tmp.filePath("away/DD:DD:DD:DD:DD:DD/info"), "[General]\nName=Away");
+        QVERIFY(QFile::link(tmp.filePath("away"), root + "/A4"));
         QStringList expected;
         for (const QString &entry : tree(root)) {
             if (std::none_of(removed.begin(), removed.end(),
@@ -464,6 +473,8 @@ private slots:
         QCOMPARE(ks::forgetStoredDevice(address, &record, root), !removed.isEmpty());
         QCOMPARE(tree(root), expected);
         QCOMPARE(tree(tmp.filePath("outside")), QStringList{"info=[General]\nName=Out"});
+        QCOMPARE(tree(tmp.filePath("away")),
+                 QStringList({"DD:DD:DD:DD:DD:DD", "DD:DD:DD:DD:DD:DD/info=[General]\nName=Away"}));
         const QString got = record.adapter + ' ' + record.address + ' ' + describe(record);
         if (records.isEmpty())
             QCOMPARE(got, QString("  name=sentinel"));
