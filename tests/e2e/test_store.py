@@ -430,6 +430,29 @@ def test_restore_creates_a_missing_store(run_kelvane):
     assert run.store.mode == 0o700
 
 
+# /tmp is world-writable: a backup tree that another user planted there (or
+# reached through a link they planted) must never be copied into the store.
+INTRUDER = {**adapter_dir(AD1), **device_dir(AD1, MAC, info('Intruder'))}
+FOREIGN_BACKUP = {
+    'owned by another user': ({**with_backup(INTRUDER), 'config': Dir(0o755, uid=4242, gid=4242)},
+                              '/tmp/config'),
+    'linked elsewhere': ({'config': Dir(0o755), 'config/files': Symlink('/tmp/planted'),
+                          'planted': Dir(0o755), 'planted/var_bluetooth': Dir(0o755),
+                          **{'planted/var_bluetooth/' + rel: entry
+                             for rel, entry in INTRUDER.items() if rel != '.'}},
+                         '/tmp/config/files'),
+}
+
+
+@pytest.mark.parametrize('tmp,piece', FOREIGN_BACKUP.values(), ids=FOREIGN_BACKUP.keys())
+def test_restore_refuses_a_backup_someone_else_planted(run_kelvane, tmp, piece):
+    run = run_kelvane(['-r'], store=STORE, tmp=tmp)
+    assert run.status == 1
+    assert run.json['error'] == 'untrusted backup path: ' + piece
+    assert run.store == expected(STORE)
+    assert run.tmp == expected(tmp)
+
+
 UNREMOVABLE = {
     'directory': ({'.': Dir(0o700), **adapter_dir(AD0)},
                   'failed to remove directory: %s/%s' % (STORE_PATH, AD0)),

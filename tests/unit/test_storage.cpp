@@ -428,6 +428,33 @@ private slots:
         QCOMPARE(tree(trusted + "/config/files/var_bluetooth"), tree(tmp.filePath("store")));
     }
 
+    // A restore must not copy a tree someone else planted in /tmp into the store.
+    void restoreRefusesForeignBackup() {
+        if (geteuid() != 0)
+            QSKIP("handing a directory to another owner needs root");
+        QTemporaryDir tmp;
+        const QString trusted = tmp.filePath("tmp"), store = tmp.filePath("store");
+        const QString backup = trusted + "/config/files/var_bluetooth";
+        put(store + "/A/info", "mine");
+        put(tmp.filePath("planted/A/info"), "theirs");
+        QVERIFY(QDir().mkpath(trusted + "/config/files"));
+        QVERIFY(QFile::link(tmp.filePath("planted"), backup));
+        QString error;
+        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(error, "untrusted backup path: " + backup);
+        QCOMPARE(tree(store), QStringList({"A", "A/info=mine"}));
+        // Foreign ownership of a parent is refused the same way.
+        QVERIFY(QFile::remove(backup));
+        put(backup + "/A/info", "restored");
+        QVERIFY(::chown(QFile::encodeName(trusted + "/config").constData(), 4242, 4242) == 0);
+        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(error, "untrusted backup path: " + trusted + "/config");
+        QVERIFY(::chown(QFile::encodeName(trusted + "/config").constData(), geteuid(), getegid()) ==
+                0);
+        QVERIFY(restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(tree(store), QStringList({"A", "A/info=restored"}));
+    }
+
     void forgetStoredDevice_data() {
         QTest::addColumn<QString>("address");
         QTest::addColumn<QStringList>("removed");
