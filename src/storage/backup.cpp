@@ -38,6 +38,13 @@ QString resolvedPath(const QString &path) {
     return QDir(resolvedPath(parent)).filePath(info.fileName());
 }
 
+// QFileInfo adds "user" flags from access() for the caller, and root may
+// write anything: copied as they are, a 0400 link key would come out 0600.
+// Only the owner, group and other bits of the mode count.
+QFile::Permissions modeOf(const QFileInfo &info) {
+    return info.permissions() & ~(QFile::ReadUser | QFile::WriteUser | QFile::ExeUser);
+}
+
 bool isWithin(const QString &path, const QString &dir) {
     const QString prefix = dir.endsWith(QLatin1Char('/')) ? dir : dir + QLatin1Char('/');
     return path == dir || path.startsWith(prefix);
@@ -76,8 +83,7 @@ bool copyFile(const QFileInfo &source, const QString &target, QString *error) {
     }
     // Copying through a link yields the content of what it points to. The
     // store holds link keys readable by root only, so the mode must follow.
-    if (!QFile::copy(source.filePath(), target) ||
-        !QFile::setPermissions(target, source.permissions())) {
+    if (!QFile::copy(source.filePath(), target) || !QFile::setPermissions(target, modeOf(source))) {
         setError(error, QStringLiteral("failed to copy %1 to %2").arg(source.filePath(), target));
         return false;
     }
@@ -107,7 +113,7 @@ bool copyTree(const QString &source, const QString &target, Ancestors &ancestors
         return false;
     ancestors.removeLast();
     // Applied last so that a read-only source mode cannot block the copy.
-    if (!QFile::setPermissions(target, info.permissions())) {
+    if (!QFile::setPermissions(target, modeOf(info))) {
         setError(error, QStringLiteral("failed to create directory: %1").arg(target));
         return false;
     }
@@ -163,7 +169,7 @@ bool mirrorDirectory(const QString &source, const QString &target, QString *erro
     Ancestors ancestors{sourceInfo.canonicalFilePath()};
     if (!copyEntries(source, target, ancestors, error))
         return false;
-    if (!QFile::setPermissions(target, sourceInfo.permissions())) {
+    if (!QFile::setPermissions(target, modeOf(sourceInfo))) {
         setError(error, QStringLiteral("failed to create directory: %1").arg(target));
         return false;
     }
@@ -183,31 +189,50 @@ bool restoreBackupFrom(const QString &backup, const QString &store, QString *err
     return mirrorDirectory(backup, store, error);
 }
 
-// The backup lives in world-writable /tmp. Anyone may have planted a link or
-// a directory of their own on its way, and a save run as root clears the
-// target before it copies: every existing piece below /tmp must be a real
-// directory owned by us.
-bool backupPathIsOurs(const QString &backup, const QString &below, QString *error) {
+namespace {
+
+// The backup lives in world-writable /tmp, where anyone may have planted a
+// link or a directory of their own on its way. A save run as root clears the
+// target before copying into it, and a restore copies link keys into the
+// store: every existing piece of the path below `below` must be a real
+// directory owned by us. Returns the first piece that is not, or "".
+QString foreignPathPiece(const QString &backup, const QString &below) {
     const uint ourUid = static_cast<uint>(geteuid());
     for (QString path = backup; path.startsWith(below + QLatin1Char('/'));
          path = QFileInfo(path).path()) {
         const QFileInfo info(path);
         if (!info.exists() && !info.isSymLink())
             continue;
-        if (info.isSymLink() || !info.isDir() || info.ownerId() != ourUid) {
-            setError(error,
-                     path == backup
-                         ? QStringLiteral("failed to create directory: %1").arg(path)
-                         : QStringLiteral("failed to create parent directory: %1").arg(path));
-            return false;
-        }
+        if (info.isSymLink() || !info.isDir() || info.ownerId() != ourUid)
+            return path;
     }
-    return true;
+    return QString();
 }
+
+} // namespace
 
 bool saveBackupTo(const QString &store, const QString &backup, const QString &trustedRoot,
                   QString *error) {
-    return backupPathIsOurs(backup, trustedRoot, error) && mirrorDirectory(store, backup, error);
+    const QString foreign = foreignPathPiece(backup, trustedRoot);
+    if (!foreign.isEmpty()) {
+        setError(error, foreign == backup
+                            ? QStringLiteral("failed to create directory: %1").arg(foreign)
+                            : QStringLiteral("failed to create parent directory: %1").arg(foreign));
+        return false;
+    }
+    return mirrorDirectory(store, backup, error);
+}
+
+bool restoreTrustedBackup(const QString &backup, const QString &store, const QString &trustedRoot,
+                          QString *error) {
+    if (!QFileInfo(backup).isDir())
+        return true;
+    const QString foreign = foreignPathPiece(backup, trustedRoot);
+    if (!foreign.isEmpty()) {
+        setError(error, QStringLiteral("untrusted backup path: %1").arg(foreign));
+        return false;
+    }
+    return restoreBackupFrom(backup, store, error);
 }
 
 bool saveBackup(QString *error) {
@@ -215,7 +240,7 @@ bool saveBackup(QString *error) {
 }
 
 bool restoreBackup(QString *error) {
-    return restoreBackupFrom(backupRoot, storeRoot, error);
+    return restoreTrustedBackup(backupRoot, storeRoot, QStringLiteral("/tmp"), error);
 }
 
 } // namespace kelvane::storage

@@ -26,6 +26,11 @@ bool restoreBackupFrom(const QString &backup, const QString &store, QString *err
 bool saveBackupTo(const QString &store, const QString &backup, const QString &trustedRoot,
                   QString *error = nullptr);
 
+// restoreBackupFrom, after the same ownership check as saveBackupTo; a backup
+// path that fails it is refused with "untrusted backup path: <piece>".
+bool restoreTrustedBackup(const QString &backup, const QString &store, const QString &trustedRoot,
+                          QString *error = nullptr);
+
 // Mirrors the live store into the backup location.
 bool saveBackup(QString *error = nullptr);
 

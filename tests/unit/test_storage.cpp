@@ -251,16 +251,21 @@ private slots:
         QVERIFY(QFile::link(tmp.filePath("nowhere"), src + "/dangling"));
         const QFile::Permissions secret = QFile::ReadOwner | QFile::WriteOwner;
         const QFile::Permissions dirMode = secret | QFile::ExeOwner | QFile::ReadGroup;
+        const QFile::Permissions readOnly = QFile::ReadOwner | QFile::ReadGroup;
+        put(src + "/keys/readonly", "r");
         QVERIFY(QFile::setPermissions(src + "/keys/linkkey", secret));
+        QVERIFY(QFile::setPermissions(src + "/keys/readonly", readOnly));
         QVERIFY(QFile::setPermissions(src + "/keys", dirMode));
 
         QVERIFY(mirrorDirectory(src, dst));
         QCOMPARE(tree(dst), QStringList({"dirlink", "dirlink/inner=i", "filelink=f", "keys",
-                                         "keys/linkkey=k"}));
+                                         "keys/linkkey=k", "keys/readonly=r"}));
         // Owner, group and other bits; the "user" bits only echo the caller's access.
         const auto mode = [](const QString &p) { return QFile::permissions(p) & 0x7077; };
         QCOMPARE(mode(dst + "/keys/linkkey"), secret);
         QCOMPARE(mode(dst + "/keys"), dirMode);
+        // Also when the caller may write anyway (root).
+        QCOMPARE(mode(dst + "/keys/readonly"), readOnly);
     }
 
     void clearRemovesLinksNotTargets() {
@@ -423,6 +428,33 @@ private slots:
         QCOMPARE(tree(trusted + "/config/files/var_bluetooth"), tree(tmp.filePath("store")));
     }
 
+    // A restore must not copy a tree someone else planted in /tmp into the store.
+    void restoreRefusesForeignBackup() {
+        if (geteuid() != 0)
+            QSKIP("handing a directory to another owner needs root");
+        QTemporaryDir tmp;
+        const QString trusted = tmp.filePath("tmp"), store = tmp.filePath("store");
+        const QString backup = trusted + "/config/files/var_bluetooth";
+        put(store + "/A/info", "mine");
+        put(tmp.filePath("planted/A/info"), "theirs");
+        QVERIFY(QDir().mkpath(trusted + "/config/files"));
+        QVERIFY(QFile::link(tmp.filePath("planted"), backup));
+        QString error;
+        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(error, "untrusted backup path: " + backup);
+        QCOMPARE(tree(store), QStringList({"A", "A/info=mine"}));
+        // Foreign ownership of a parent is refused the same way.
+        QVERIFY(QFile::remove(backup));
+        put(backup + "/A/info", "restored");
+        QVERIFY(::chown(QFile::encodeName(trusted + "/config").constData(), 4242, 4242) == 0);
+        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(error, "untrusted backup path: " + trusted + "/config");
+        QVERIFY(::chown(QFile::encodeName(trusted + "/config").constData(), geteuid(), getegid()) ==
+                0);
+        QVERIFY(restoreTrustedBackup(backup, store, trusted, &error));
+        QCOMPARE(tree(store), QStringList({"A", "A/info=restored"}));
+    }
+
     void forgetStoredDevice_data() {
         QTest::addColumn<QString>("address");
         QTest::addColumn<QStringList>("removed");
@@ -435,6 +467,8 @@ private slots:
                              << QStringList{"A1 11:22:33:44:55:66 name=Other|trusted"};
         QTest::newRow("link, not its target") << "cc-cc-cc-cc-cc-cc" << QStringList{"A3/CC"}
                                               << QStringList{"A3 CC:CC:CC:CC:CC:CC name=Out"};
+        QTest::newRow("not through a linked adapter")
+            << "DD:DD:DD:DD:DD:DD" << QStringList{} << QStringList{};
         QTest::newRow("no match") << "AA:BB:CC:DD:EE:00" << QStringList{} << QStringList{};
         QTest::newRow("prefix only") << "aa:bb:cc:dd:ee:f" << QStringList{} << QStringList{};
     }
@@ -452,6 +486,8 @@ private slots:
         put(tmp.filePath("outside/info"), "[General]\nName=Out");
         QDir().mkpath(root + "/A3");
         QVERIFY(QFile::link(tmp.filePath("outside"), root + "/A3/CC:CC:CC:CC:CC:CC"));
+        put(tmp.filePath("away/DD:DD:DD:DD:DD:DD/info"), "[General]\nName=Away");
+        QVERIFY(QFile::link(tmp.filePath("away"), root + "/A4"));
         QStringList expected;
         for (const QString &entry : tree(root)) {
             if (std::none_of(removed.begin(), removed.end(),
@@ -464,6 +500,8 @@ private slots:
         QCOMPARE(ks::forgetStoredDevice(address, &record, root), !removed.isEmpty());
         QCOMPARE(tree(root), expected);
         QCOMPARE(tree(tmp.filePath("outside")), QStringList{"info=[General]\nName=Out"});
+        QCOMPARE(tree(tmp.filePath("away")),
+                 QStringList({"DD:DD:DD:DD:DD:DD", "DD:DD:DD:DD:DD:DD/info=[General]\nName=Away"}));
         const QString got = record.adapter + ' ' + record.address + ' ' + describe(record);
         if (records.isEmpty())
             QCOMPARE(got, QString("  name=sentinel"));
