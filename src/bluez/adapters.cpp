@@ -61,7 +61,7 @@ std::vector<result::AdapterInfo> listAdapters(std::string &error) {
 
 bool ensureAdapterPowered(const QString &adapterPath, QString &error) {
     QDBusInterface proxy(names::service, adapterPath, names::adapter, QDBusConnection::systemBus());
-    if (!proxy.isValid()) {
+    if (!proxyFound(proxy)) {
         error = QStringLiteral("adapter not found: %1").arg(adapterPath);
         return false;
     }

@@ -2,6 +2,7 @@
 
 #include "bluez/dbustypes.h"
 #include "bluez/names.h"
+#include "bluez/properties.h"
 #include "bluez/trace.h"
 
 #include <QDBusConnection>
@@ -33,7 +34,7 @@ bool tracedAdapterCall(QDBusInterface &proxy, const QString &adapterPath, const 
 bool startDiscovery(const QString &adapterPath, QString &error) {
     registerDbusTypes();
     QDBusInterface proxy(names::service, adapterPath, names::adapter, QDBusConnection::systemBus());
-    if (!proxy.isValid()) {
+    if (!proxyFound(proxy)) {
         error = adapterNotFound(adapterPath);
         return false;
     }
@@ -64,7 +65,7 @@ bool removeDevice(const QString &adapterPath, const QString &devicePath, QString
     }
     registerDbusTypes();
     QDBusInterface proxy(names::service, adapterPath, names::adapter, QDBusConnection::systemBus());
-    if (!proxy.isValid()) {
+    if (!proxyFound(proxy)) {
         if (error)
             *error = adapterNotFound(adapterPath);
         return false;

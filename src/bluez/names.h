@@ -11,6 +11,7 @@ inline const QString adapterPathPrefix = QStringLiteral("/org/bluez/hci");
 
 inline const QString objectManager = QStringLiteral("org.freedesktop.DBus.ObjectManager");
 inline const QString properties = QStringLiteral("org.freedesktop.DBus.Properties");
+inline const QString introspectable = QStringLiteral("org.freedesktop.DBus.Introspectable");
 inline const QString adapter = QStringLiteral("org.bluez.Adapter1");
 inline const QString device = QStringLiteral("org.bluez.Device1");
 inline const QString agentManager = QStringLiteral("org.bluez.AgentManager1");

@@ -8,14 +8,41 @@
 #include <QDBusInterface>
 #include <QDBusReply>
 #include <QDBusVariant>
+#include <QXmlStreamReader>
 
 namespace kelvane::bluez {
+
+bool introspectionDeclares(const QString &xml, const QString &interface) {
+    QXmlStreamReader reader(xml);
+    while (!reader.atEnd()) {
+        if (reader.readNext() == QXmlStreamReader::StartElement &&
+            reader.name() == QLatin1String("interface") &&
+            reader.attributes().value(QLatin1String("name")) == interface)
+            return true;
+    }
+    return false;
+}
+
+// QDBusInterface::isValid() only says that the service has an owner: a
+// missing object introspects as an empty node, which Qt takes for an object
+// that does not support introspection, and once an interface's layout is
+// cached Qt stops introspecting altogether. So ask the object itself.
+bool proxyFound(const QDBusInterface &proxy) {
+    if (!proxy.isValid())
+        return false;
+    const QDBusMessage reply = proxy.connection().call(
+        QDBusMessage::createMethodCall(proxy.service(), proxy.path(), names::introspectable,
+                                       QStringLiteral("Introspect")),
+        QDBus::Block);
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           introspectionDeclares(reply.arguments().constFirst().toString(), proxy.interface());
+}
 
 bool setPropertyTrue(const QString &path, const QString &interface, const QString &property,
                      QString *error) {
     registerDbusTypes();
     QDBusInterface proxy(names::service, path, names::properties, QDBusConnection::systemBus());
-    if (!proxy.isValid()) {
+    if (!proxyFound(proxy)) {
         if (error)
             *error = QStringLiteral("invalid properties interface: %1").arg(path);
         return false;
@@ -44,7 +71,7 @@ QVariant readProxyProperty(QDBusAbstractInterface &proxy, const char *property) 
 
 bool readBoolProperty(const QString &path, const QString &interface, const QString &property) {
     QDBusInterface proxy(names::service, path, interface, QDBusConnection::systemBus());
-    if (!proxy.isValid())
+    if (!proxyFound(proxy))
         return false;
     return readProxyProperty(proxy, property.toUtf8().constData()).toBool();
 }

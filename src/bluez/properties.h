@@ -1,10 +1,18 @@
 #pragma once
 
 #include <QDBusAbstractInterface>
+#include <QDBusInterface>
 #include <QString>
 #include <QVariant>
 
 namespace kelvane::bluez {
+
+// Whether introspection data lists the interface on the object itself.
+bool introspectionDeclares(const QString &xml, const QString &interface);
+
+// Whether the object behind a proxy exists and carries the proxy's interface.
+// Untraced, like the introspection Qt itself does for a proxy.
+bool proxyFound(const QDBusInterface &proxy);
 
 // Sets a boolean property to true through org.freedesktop.DBus.Properties.Set.
 bool setPropertyTrue(const QString &path, const QString &interface, const QString &property,

@@ -40,7 +40,7 @@ ManagedObjectMap probeAdapters() {
     for (int i = 0; i < adapterProbeCount; ++i) {
         const QString path = names::adapterPathPrefix + QString::number(i);
         QDBusInterface proxy(names::service, path, names::adapter, QDBusConnection::systemBus());
-        if (!proxy.isValid())
+        if (!proxyFound(proxy))
             continue;
         PropertyMap properties;
         for (const char *name : adapterProperties)

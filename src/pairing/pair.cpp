@@ -72,7 +72,7 @@ QString chooseAdapter(const bluez::ManagedObjectMap &objects) {
 void ensurePairable(const QString &adapterPath) {
     QDBusInterface adapter(bluez::names::service, adapterPath, bluez::names::adapter,
                            QDBusConnection::systemBus());
-    if (adapter.isValid() && !readBool(adapter, "Pairable"))
+    if (bluez::proxyFound(adapter) && !readBool(adapter, "Pairable"))
         bluez::setPropertyTrue(adapterPath, bluez::names::adapter, QStringLiteral("Pairable"));
 }
 
@@ -182,7 +182,7 @@ private:
     bool pairOnce() {
         refreshEventDevice(m_devicePath);
         QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!proxy.isValid())
+        if (!bluez::proxyFound(proxy))
             return fail(deviceNotFound(m_devicePath));
         if (readBool(proxy, "Paired")) {
             trace::debug("device already paired: " + m_devicePath.toUtf8());
@@ -193,7 +193,7 @@ private:
 
     bool trustDevice() {
         QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!proxy.isValid())
+        if (!bluez::proxyFound(proxy))
             return fail(deviceNotFound(m_devicePath));
         if (!readBool(proxy, "Trusted") &&
             !bluez::setPropertyTrue(m_devicePath, device, QStringLiteral("Trusted"), &m_message))
@@ -205,7 +205,7 @@ private:
 
     bool connectDevice() {
         QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!proxy.isValid())
+        if (!bluez::proxyFound(proxy))
             return fail(deviceNotFound(m_devicePath));
         if (!readBool(proxy, "Connected")) {
             const QString method = QStringLiteral("Connect");

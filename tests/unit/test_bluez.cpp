@@ -1,6 +1,7 @@
 #include "bluez/adapters.h"
 #include "bluez/address.h"
 #include "bluez/devices.h"
+#include "bluez/properties.h"
 #include "bluez/trace.h"
 #include "stdcapture.h"
 
@@ -203,6 +204,35 @@ private slots:
         QFETCH(QString, path);
         QFETCH(int, id);
         QCOMPARE(adapterIdFromPath(path), id);
+    }
+
+    // What bluetoothd and libdbus answer to Introspect: an existing object
+    // lists its interfaces, a missing one is an empty node with children.
+    void introspection_data() {
+        QTest::addColumn<QString>("xml");
+        QTest::addColumn<bool>("declared");
+        const QString doctype = "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object "
+                                "Introspection 1.0//EN\"\n\"http://www.freedesktop.org/"
+                                "standards/dbus/1.0/introspect.dtd\">\n";
+        const QString adapter = "<interface name=\"org.bluez.Adapter1\"><method "
+                                "name=\"StartDiscovery\"/></interface>";
+        QTest::newRow("adapter") << doctype + "<node>" + adapter + "</node>" << true;
+        QTest::newRow("empty node") << doctype + "<node>\n</node>\n" << false;
+        QTest::newRow("children only")
+            << "<node><node name=\"hci0\"/><node name=\"hci1\"/></node>" << false;
+        QTest::newRow("other interfaces")
+            << "<node><interface name=\"org.freedesktop.DBus.Properties\"/>"
+               "<interface name=\"org.bluez.Adapter\"/></node>"
+            << false;
+        QTest::newRow("prefix of the name")
+            << "<node><interface name=\"org.bluez.Adapter12\"/></node>" << false;
+        QTest::newRow("empty reply") << "" << false;
+        QTest::newRow("not xml") << "org.bluez.Adapter1" << false;
+    }
+    void introspection() {
+        QFETCH(QString, xml);
+        QFETCH(bool, declared);
+        QCOMPARE(introspectionDeclares(xml, "org.bluez.Adapter1"), declared);
     }
 
     // "kind|arguments..." where kind is debug, call, incoming, ok or error (a reply).
