@@ -217,6 +217,9 @@ class Simulator:
         self.leave_after_managed_objects = 0
         self.left_bus = False
         self.agent_timeout = 5.0
+        # bluetoothd lists its manager object; a daemon that has exported
+        # nothing yet answers with an empty map.
+        self.list_manager = True
         self.agents = {}  # owner -> {'path', 'capability'}
         self.default_agents = []  # owners, the first is the default
         self.watches = {}
@@ -478,6 +481,8 @@ class Simulator:
         reply = dbus.Dictionary(signature='oa{sa{sv}}')
         for obj_path, obj in sorted(mockobject.objects.items()):
             if obj_path == '/' or not (path == '/' or obj_path.startswith(path + '/')):
+                continue
+            if obj_path == MANAGER_PATH and not self.list_manager:
                 continue
             interfaces = dbus.Dictionary(signature='sa{sv}')
             for iface, props in obj.props.items():
@@ -919,6 +924,8 @@ def Configure(_self, options):
     options = to_json(options)
     if 'agent_timeout' in options:
         SIM.agent_timeout = float(options['agent_timeout'])
+    if 'list_manager' in options:
+        SIM.list_manager = bool(options['list_manager'])
 
 
 @dbus.service.method(SIM_IFACE, in_signature='', out_signature='s')

@@ -15,6 +15,8 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+import contract
+
 HERE = Path(__file__).resolve().parent
 NSRUN = HERE / 'nsrun.py'
 PYTHON = '/usr/bin/python3'
@@ -181,7 +183,7 @@ class Run:
         '''The pairing event file, parsed (None when absent).'''
         if 'kelvane-events.json' not in self.tmp:
             return None
-        return self.tmp.json('kelvane-events.json')
+        return contract.validate_events(self.tmp['kelvane-events.json'].content)
 
     def __repr__(self):
         return ('Run(argv=%r, status=%r, %.1fs)\n--- stdout ---\n%s\n--- stderr ---\n%s'
@@ -204,7 +206,8 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     tmp: description of /tmp (default: empty, mode 1777).
     env: extra environment (a None value removes a variable).
     argv0: the invocation word (default: the binary's path).
-    expect_json: assert one compact JSON line on stdout and parse it.
+    expect_json: assert one compact JSON line on stdout, parse it and check
+        it against the published schema.
     readonly: any of "tmp", "store": mounted read-only for the run.
     Every run has a timeout; running out of it fails the test.'''
     if os.geteuid() != 0:
@@ -240,7 +243,7 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
         raise AssertionError('kelvane did not finish within %ss\n%r' % (timeout, run))
     if expect_json:
         try:
-            run.json = assert_one_json_line(run.stdout)
+            run.json = contract.validate_result(assert_one_json_line(run.stdout))
         except AssertionError as e:
             raise AssertionError('%s\n%r' % (e, run)) from None
     return run

@@ -376,10 +376,14 @@ class Sim:
             when['after_seconds'] = dbus.Double(after_seconds)
         self.control.LeaveBus(dbus.Dictionary(when, signature='sv'))
 
-    def configure(self, agent_timeout=None):
+    def configure(self, agent_timeout=None, list_manager=None):
+        '''agent_timeout: seconds Pair waits for an agent's reply.
+        list_manager: whether GetManagedObjects lists /org/bluez itself.'''
         options = {}
         if agent_timeout is not None:
             options['agent_timeout'] = dbus.Double(agent_timeout)
+        if list_manager is not None:
+            options['list_manager'] = dbus.Boolean(list_manager)
         self.control.Configure(dbus.Dictionary(options, signature='sv'))
 
     # -- what happened -----------------------------------------------------
