@@ -36,10 +36,6 @@ int printSimpleResult(bool success, const std::string &message) {
     return success ? 0 : 1;
 }
 
-int notYetAvailable() {
-    return printSimpleResult(false, "operation not available in this build");
-}
-
 int runRestore() {
     QString error;
     const bool restored = storage::restoreBackup(&error);
@@ -137,9 +133,11 @@ int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName)
         return runForget(*parsed.mac);
     case Command::Pair:
         return runPair(*parsed.mac);
-    default:
-        return notYetAvailable();
+    case Command::Usage:
+    case Command::Unknown:
+        break; // answered before the checks
     }
+    return 1;
 }
 
 } // namespace
