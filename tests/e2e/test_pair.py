@@ -8,7 +8,6 @@ import time
 
 import pytest
 
-from contract import validate_events, validate_result
 from simbus import PAGE_TIMEOUT, passkey_display
 
 MAC = 'AA:BB:CC:DD:EE:FF'
@@ -46,10 +45,8 @@ def tool_calls(sim):
 
 
 def assert_agent_withdrawn(sim):
-    calls = tool_calls(sim)
-    assert calls[0] == ('UnregisterAgent', '/org/bluez')
-    assert calls[-1] == ('UnregisterAgent', '/org/bluez')
-    assert sim.agents() == []
+    calls, unregister = tool_calls(sim), ('UnregisterAgent', '/org/bluez')
+    assert (calls[0], calls[-1], sim.agents()) == (unregister, unregister, [])
 
 
 def event_names(run):
@@ -60,27 +57,24 @@ def passkeys(run):
     return [event['passkey'] for event in run.events() if event['event'] == 'passkey']
 
 
+# run_kelvane checked the result line against the schema, Run.events() checks the event file.
 def check_result(run, expected):
     assert run.json == expected
-    validate_result(run.stdout)
-    validate_events(run.tmp.files()['kelvane-events.json'])
+    assert run.events() is not None, 'no event file'
 
 
-SUCCESSFUL_PAIRINGS = [
-    ('numeric comparison', [{'method': 'RequestConfirmation', 'passkey': 4711}], ['004711']),
-    ('passkey repeated by BlueZ', [{'method': 'RequestConfirmation', 'passkey': 4711}] * 2,
-     ['004711']),
-    ('passkey display with keypresses', passkey_display(4711), ['004711']),
-    ('PIN display', [{'method': 'DisplayPinCode', 'pin': '0000'}], ['000000']),
-    ('just works', [], []),
-    ('authorization', [{'method': 'RequestAuthorization'},
-                       {'method': 'AuthorizeService'}], []),
-]
+# Numeric comparison and passkey display have traced tests of their own below.
+SUCCESSFUL_PAIRINGS = {
+    'passkey repeated by BlueZ': ([{'method': 'RequestConfirmation', 'passkey': 4711}] * 2,
+                                  ['004711']),
+    'PIN display': ([{'method': 'DisplayPinCode', 'pin': '0000'}], ['000000']),
+    'just works': ([], []),
+    'authorization': ([{'method': 'RequestAuthorization'}, {'method': 'AuthorizeService'}], []),
+}
 
 
-@pytest.mark.parametrize('steps,expected_passkeys',
-                         [case[1:] for case in SUCCESSFUL_PAIRINGS],
-                         ids=[case[0] for case in SUCCESSFUL_PAIRINGS])
+@pytest.mark.parametrize('steps,expected_passkeys', SUCCESSFUL_PAIRINGS.values(),
+                         ids=SUCCESSFUL_PAIRINGS.keys())
 def test_pairing_publishes_passkeys_and_succeeds(run_kelvane, sim, steps, expected_passkeys):
     sim.add_adapter('hci0')
     sim.add_device('hci0', MAC, name='Keyboard', pairing=steps)
@@ -105,7 +99,7 @@ def test_numeric_comparison_trace_and_events(run_kelvane, sim):
     sim.add_adapter('hci0')
     sim.add_device('hci0', MAC, name='Keyboard',
                    pairing=[{'method': 'RequestConfirmation', 'passkey': 4711}])
-    run = run_kelvane(['-v', '-p', MAC])
+    run = run_kelvane(['-v', '-p', MAC], store=STORE)
     check_result(run, OK)
     assert_in_order(trace(run), [
         'debug: registered pairing agent at ' + AGENT,
@@ -143,20 +137,8 @@ def test_numeric_comparison_trace_and_events(run_kelvane, sim):
     assert flags == [(False, False, False), (True, True, False), (True, True, True)]
     assert passkey['device']['path'] == DEVICE
     assert passkey['timestamp'] <= trusted['timestamp'] <= connected['timestamp']
-
-
-def test_keypresses_are_traced_but_not_published(run_kelvane, sim):
-    sim.add_adapter('hci0')
-    sim.add_device('hci0', MAC, pairing=passkey_display(4711, digits=3))
-    run = run_kelvane(['-v', '-p', MAC])
-    check_result(run, OK)
-    assert passkeys(run) == ['004711']
-    assert_in_order(trace(run), [
-        'dbus << org.bluez.Agent1.DisplayPasskey path=' + DEVICE + ' passkey=004711 entered=0',
-        'dbus << org.bluez.Agent1.DisplayPasskey path=' + DEVICE + ' passkey=004711 entered=1',
-        'debug: pairing: device ' + DEVICE + ' passkey 004711 (1 digits entered)',
-        'debug: pairing: device ' + DEVICE + ' passkey 004711 (3 digits entered)',
-    ])
+    assert sim.props('/org/bluez/hci0')['Pairable'] is True
+    assert run.tmp.text(BACKUP) == STORE['00:1A:7D:DA:00:00/' + MAC + '/info']
 
 
 @pytest.mark.parametrize('mode,message', [
@@ -172,27 +154,11 @@ def test_legacy_entry_is_rejected(run_kelvane, sim, mode, message):
                                              'message': message}
     assert run.events() == []
     # Not a "Page Timeout": no removal, no retry, nothing after Pair.
-    assert [m for m, _ in tool_calls(sim)].count('Pair') == 1
-    assert 'RemoveDevice' not in [m for m, _ in tool_calls(sim)]
+    methods = [m for m, _ in tool_calls(sim)]
+    assert (methods.count('Pair'), methods.count('RemoveDevice')) == (1, 0)
     assert sim.props(DEVICE)['Trusted'] is False
     assert_agent_withdrawn(sim)
     assert BACKUP not in run.tmp
-
-
-def test_device_found_by_discovery(run_kelvane, sim):
-    sim.add_adapter('hci0')
-    sim.add_device('hci0', MAC, appear_after=3)
-    run = run_kelvane(['-v', '-p', MAC])
-    check_result(run, OK)
-    assert 'debug: initial device path: (not found)' in trace(run)
-    methods = [m for m, _ in tool_calls(sim)]
-    assert methods.index('StartDiscovery') < methods.index('StopDiscovery') < methods.index('Pair')
-    # One snapshot at the start, then one per second until the device showed up.
-    polls = methods[methods.index('StartDiscovery'):methods.index('StopDiscovery')]
-    assert 3 <= polls.count('GetManagedObjects') <= 5
-    assert sim.state()['adapters']['/org/bluez/hci0']['sessions'] == []
-    assert passkeys(run) == ['123456']
-    assert_agent_withdrawn(sim)
 
 
 def test_device_not_found_after_thirty_polls(run_kelvane, sim):
@@ -215,9 +181,7 @@ def test_already_paired_trusted_and_connected(run_kelvane, sim):
     check_result(run, OK)
     assert 'debug: device already paired: ' + DEVICE in trace(run)
     assert 'debug: pair attempt 1' in trace(run)
-    methods = [m for m, _ in tool_calls(sim)]
-    for method in ('Pair', 'Set', 'Connect', 'StartDiscovery'):
-        assert method not in methods
+    assert not {'Pair', 'Set', 'Connect', 'StartDiscovery'} & {m for m, _ in tool_calls(sim)}
     assert event_names(run) == ['trusted', 'connected']
     assert_agent_withdrawn(sim)
 
@@ -225,9 +189,10 @@ def test_already_paired_trusted_and_connected(run_kelvane, sim):
 def test_page_timeout_is_retried_once(run_kelvane, sim):
     sim.add_adapter('hci0')
     sim.add_device('hci0', MAC, pairing=[{'method': 'RequestConfirmation', 'passkey': 4711}])
-    # Once removed, the device comes back when the adapter discovers it again.
+    # Once removed, the device comes back when the adapter discovers it again;
+    # then its passkey is displayed and typed: keypresses are traced, not published.
     again = sim.add_device('hci0', MAC, path=DEVICE + '_again', appear_after=1,
-                           pairing=[{'method': 'RequestConfirmation', 'passkey': 815}])
+                           pairing=passkey_display(815, digits=3))
     sim.page_timeout(times=1)
     run = run_kelvane(['-v', '-p', MAC])
     check_result(run, OK)
@@ -238,12 +203,18 @@ def test_page_timeout_is_retried_once(run_kelvane, sim):
         'debug: pair attempt 2',
         'dbus >> org.bluez /org/bluez/hci0 org.bluez.Adapter1.StartDiscovery',
         'dbus >> org.bluez ' + again + ' org.bluez.Device1.Pair',
+        'dbus << org.bluez.Agent1.DisplayPasskey path=' + again + ' passkey=000815 entered=0',
+        'dbus << org.bluez.Agent1.DisplayPasskey path=' + again + ' passkey=000815 entered=1',
+        'debug: pairing: device ' + again + ' passkey 000815 (1 digits entered)',
+        'debug: pairing: device ' + again + ' passkey 000815 (3 digits entered)',
         'dbus << Pair ok',
     ])
     pairs = [path for method, path in tool_calls(sim) if method == 'Pair']
     assert pairs == [DEVICE, again]
     assert sim.calls(method='RemoveDevice')[0].args == [DEVICE]
     assert passkeys(run) == ['000815']
+    assert event_names(run) == ['passkey', 'trusted', 'connected']
+    assert all('error' not in call for call in sim.agent_calls())
     assert run.events()[-1]['device']['path'] == again
     assert_agent_withdrawn(sim)
 
@@ -282,12 +253,25 @@ def test_connect_refused(run_kelvane, sim):
     assert BACKUP not in run.tmp
 
 
-def test_agent_registration_problems_do_not_stop_pairing(run_kelvane, sim):
-    sim.add_adapter('hci0')
-    sim.add_device('hci0', MAC)
+def test_unknown_device_on_the_first_powered_adapter_despite_agent_problems(run_kelvane, sim):
+    # The first adapter is off: the first powered one is used, and there the
+    # device shows up only after 3 s of discovery.
+    sim.add_adapter('hci0', powered=False)
+    sim.add_adapter('hci1')
+    device = sim.add_device('hci1', MAC, appear_after=3)
     sim.fault('RegisterAgent', 'org.bluez.Error.Failed', 'no agents today')
     run = run_kelvane(['-v', '-p', MAC])
     check_result(run, OK)
+    assert 'debug: using adapter /org/bluez/hci1' in trace(run)
+    assert 'debug: initial device path: (not found)' in trace(run)
+    methods = [m for m, _ in tool_calls(sim)]
+    assert methods.index('StartDiscovery') < methods.index('StopDiscovery') < methods.index('Pair')
+    # One snapshot at the start, then one per second until the device showed up.
+    polls = methods[methods.index('StartDiscovery'):methods.index('StopDiscovery')]
+    assert 3 <= polls.count('GetManagedObjects') <= 5
+    assert sim.state()['adapters']['/org/bluez/hci1']['sessions'] == []
+    assert sim.props('/org/bluez/hci0')['Powered'] is False
+    assert sim.props(device)['Connected'] is True
     assert_in_order(trace(run), [
         'debug: warning: RegisterAgent failed: no agents today',
         'dbus >> org.bluez /org/bluez org.bluez.AgentManager1.RequestDefaultAgent (' + AGENT + ')',
@@ -301,18 +285,7 @@ def test_agent_registration_problems_do_not_stop_pairing(run_kelvane, sim):
     assert_agent_withdrawn(sim)
 
 
-def test_first_powered_adapter_is_used(run_kelvane, sim):
-    sim.add_adapter('hci0', powered=False)
-    sim.add_adapter('hci1')
-    device = sim.add_device('hci1', MAC)
-    run = run_kelvane(['-v', '-p', MAC])
-    check_result(run, OK)
-    assert 'debug: using adapter /org/bluez/hci1' in trace(run)
-    assert sim.props('/org/bluez/hci0')['Powered'] is False
-    assert sim.props(device)['Connected'] is True
-
-
-@pytest.mark.parametrize('address', ['AA:BB:CC:DD:EE', 'AA:BB:CC:DD:EE:FG', ' ' + MAC])
+@pytest.mark.parametrize('address', ['AA:BB:CC:DD:EE:FG', ' ' + MAC])
 def test_invalid_address_changes_nothing(run_kelvane, sim, address):
     sim.add_adapter('hci0')
     sim.add_device('hci0', MAC)
