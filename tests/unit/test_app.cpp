@@ -28,32 +28,17 @@ private slots:
         };
         const char *mac = "AA:BB:CC:DD:EE:FF";
         row("", Command::Usage, "", nullptr);
-        row("-v", Command::Usage, "", nullptr, true);
         row("-v|-v", Command::Usage, "", nullptr, true);
-        row("-e", Command::Scan, "-e", nullptr);
-        row("-v|-e", Command::Scan, "-e", nullptr, true);
-        row("-e|-v", Command::Scan, "-e", nullptr, true);
-        row("-l", Command::List, "-l", nullptr);
+        row("-e|-h", Command::Scan, "-e", nullptr);
         row("-l|AA:BB:CC:DD:EE:FF", Command::List, "-l", nullptr);
         row("-r", Command::Restore, "-r", nullptr);
-        row("-f|AA:BB:CC:DD:EE:FF", Command::Forget, "-f", mac);
         row("-f", Command::Forget, "-f", nullptr);
         row("-f|-v|AA:BB:CC:DD:EE:FF", Command::Forget, "-f", mac, true);
-        row("-f|-v", Command::Forget, "-f", nullptr, true);
-        row("-f|-e", Command::Forget, "-f", "-e");
-        row("-f|AA:BB:CC:DD:EE:FF|-p", Command::Forget, "-f", mac);
         row("-p| aa-bb-cc-dd-ee-ff\n|x", Command::Pair, "-p", " aa-bb-cc-dd-ee-ff\n");
-        row("-p|-h", Command::Pair, "-p", "-h");
-        row("-p", Command::Pair, "-p", nullptr);
-        row("-e|-l", Command::Scan, "-e", nullptr);
-        row("-e|-x", Command::Scan, "-e", nullptr);
-        row("-e|-h", Command::Scan, "-e", nullptr);
-        row("-h", Command::Usage, "-h", nullptr);
-        row("--help", Command::Usage, "--help", nullptr);
         row("-h|-e", Command::Usage, "-h", nullptr);
-        row("-x|-e", Command::Unknown, "-x", nullptr);
+        row("--help", Command::Usage, "--help", nullptr);
         row("-v|-x|-v", Command::Unknown, "-x", nullptr, true);
-        for (const char *word : {"-vv", "--verbose", "-E", "", "-V", "-e ", " -e", "-help", "e"})
+        for (const char *word : {"-vv", "-E", " -e", "", "e"})
             QTest::addRow("unknown '%s'", word)
                 << QStringList{word, "-e"} << Command::Unknown << word << QVariant() << false;
     }
@@ -68,31 +53,20 @@ private slots:
             arguments.push_back(w.toStdString());
         const ParsedCommandLine parsed = parseCommandLine(arguments);
         QCOMPARE(parsed.command, command);
-        if (!word.isEmpty() || command == Command::Unknown)
-            QCOMPARE(QString::fromStdString(parsed.word), word);
+        QCOMPARE(QString::fromStdString(parsed.word), word);
         QCOMPARE(parsed.mac.has_value(), mac.isValid());
         if (parsed.mac)
             QCOMPARE(QString::fromStdString(*parsed.mac), mac.toString());
         QCOMPARE(parsed.trace, trace);
     }
 
-    void requirements_data() {
-        QTest::addColumn<Command>("command");
-        QTest::addColumn<bool>("needsMac");
-        QTest::addColumn<bool>("needsRoot");
-        QTest::newRow("scan") << Command::Scan << false << false;
-        QTest::newRow("list") << Command::List << false << true;
-        QTest::newRow("restore") << Command::Restore << false << true;
-        QTest::newRow("forget") << Command::Forget << true << true;
-        QTest::newRow("pair") << Command::Pair << true << true;
-        QTest::newRow("usage") << Command::Usage << false << false;
-    }
     void requirements() {
-        QFETCH(Command, command);
-        QFETCH(bool, needsMac);
-        QFETCH(bool, needsRoot);
-        QCOMPARE(commandNeedsMac(command), needsMac);
-        QCOMPARE(commandNeedsRoot(command), needsRoot);
+        for (const Command c : {Command::Usage, Command::Scan, Command::Unknown})
+            QVERIFY(!commandNeedsMac(c) && !commandNeedsRoot(c));
+        for (const Command c : {Command::List, Command::Restore})
+            QVERIFY(!commandNeedsMac(c) && commandNeedsRoot(c));
+        for (const Command c : {Command::Forget, Command::Pair})
+            QVERIFY(commandNeedsMac(c) && commandNeedsRoot(c));
     }
 
     void usageText() {
