@@ -116,50 +116,6 @@ def _tree(report):
     return Tree(entries, report['mode'])
 
 
-def _assert_compact(line):
-    in_string = escaped = False
-    for i, ch in enumerate(line):
-        if in_string:
-            if escaped:
-                escaped = False
-            elif ch == '\\':
-                escaped = True
-            elif ch == '"':
-                in_string = False
-            elif ord(ch) < 0x20:
-                raise AssertionError('raw control character in a JSON string at %d: %r' % (i, line))
-        elif ch == '"':
-            in_string = True
-        elif ch in ' \t\r\n':
-            raise AssertionError('JSON on stdout is not compact (blank at %d): %r' % (i, line))
-
-
-def _sorted_object(pairs):
-    keys = [k for k, _ in pairs]
-    assert len(set(keys)) == len(keys), 'duplicate JSON member in %r' % keys
-    assert keys == sorted(keys), 'JSON members not in ascending order: %r' % keys
-    return dict(pairs)
-
-
-def _no_constant(name):
-    raise AssertionError('not JSON: %s' % name)
-
-
-def assert_one_json_line(stdout):
-    '''stdout is exactly one line holding one compact JSON object whose
-    members are in ascending order; returns the object.'''
-    assert stdout.endswith('\n') and stdout.count('\n') == 1, \
-        'expected exactly one line on stdout, got %r' % stdout
-    line = stdout[:-1]
-    _assert_compact(line)
-    try:
-        value = json.loads(line, object_pairs_hook=_sorted_object, parse_constant=_no_constant)
-    except ValueError as e:
-        raise AssertionError('stdout is not JSON (%s): %r' % (e, line)) from e
-    assert isinstance(value, dict), 'stdout holds JSON but not an object: %r' % line
-    return value
-
-
 class Run:
     '''One run of the tool: argv, status, stdout, stderr (text; *_bytes raw),
     json (the parsed result line when it was expected), tmp and store (Tree
@@ -243,7 +199,7 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
         raise AssertionError('kelvane did not finish within %ss\n%r' % (timeout, run))
     if expect_json:
         try:
-            run.json = contract.validate_result(assert_one_json_line(run.stdout))
+            run.json = contract.validate_result(run.stdout_bytes)
         except AssertionError as e:
             raise AssertionError('%s\n%r' % (e, run)) from None
     return run

@@ -51,6 +51,16 @@ def _read_memfd(fd):
     return os.pread(fd, size, 0).decode('utf-8', 'replace')
 
 
+def _terminate(process):
+    if process.poll() is None:
+        process.terminate()
+        try:
+            process.wait(5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
 class PrivateBus:
     '''A dbus-daemon of our own on unix:abstract=kelvane-<random>.
 
@@ -90,13 +100,7 @@ class PrivateBus:
         return dbus.bus.BusConnection(self.address)
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(5)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
+        _terminate(self.process)
         os.close(self._log)
 
     def __enter__(self):
@@ -237,13 +241,7 @@ class Sim:
         return _read_memfd(self._log) if self._log >= 0 else ''
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(5)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
+        _terminate(self.process)
         try:
             self.conn.close()
         except Exception:  # pylint: disable=broad-except
