@@ -23,19 +23,21 @@ bool introspectionDeclares(const QString &xml, const QString &interface) {
     return false;
 }
 
+bool bluezObjectDeclares(const QString &path, const QString &interface) {
+    const QDBusMessage reply = QDBusConnection::systemBus().call(
+        QDBusMessage::createMethodCall(names::service, path, names::introspectable,
+                                       QStringLiteral("Introspect")),
+        QDBus::Block);
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           introspectionDeclares(reply.arguments().constFirst().toString(), interface);
+}
+
 // QDBusInterface::isValid() only says that the service has an owner: a
 // missing object introspects as an empty node, which Qt takes for an object
 // that does not support introspection, and once an interface's layout is
 // cached Qt stops introspecting altogether. So ask the object itself.
 bool proxyFound(const QDBusInterface &proxy) {
-    if (!proxy.isValid())
-        return false;
-    const QDBusMessage reply = proxy.connection().call(
-        QDBusMessage::createMethodCall(proxy.service(), proxy.path(), names::introspectable,
-                                       QStringLiteral("Introspect")),
-        QDBus::Block);
-    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
-           introspectionDeclares(reply.arguments().constFirst().toString(), proxy.interface());
+    return proxy.isValid() && bluezObjectDeclares(proxy.path(), proxy.interface());
 }
 
 bool setPropertyTrue(const QString &path, const QString &interface, const QString &property,

@@ -10,8 +10,12 @@ namespace kelvane::bluez {
 // Whether introspection data lists the interface on the object itself.
 bool introspectionDeclares(const QString &xml, const QString &interface);
 
-// Whether the object behind a proxy exists and carries the proxy's interface.
+// Whether org.bluez has an object at the path that declares the interface.
 // Untraced, like the introspection Qt itself does for a proxy.
+bool bluezObjectDeclares(const QString &path, const QString &interface);
+
+// Whether the object behind an org.bluez proxy exists and carries the
+// proxy's interface.
 bool proxyFound(const QDBusInterface &proxy);
 
 // Sets a boolean property to true through org.freedesktop.DBus.Properties.Set.

@@ -39,9 +39,10 @@ ManagedObjectMap probeAdapters() {
     ManagedObjectMap objects;
     for (int i = 0; i < adapterProbeCount; ++i) {
         const QString path = names::adapterPathPrefix + QString::number(i);
-        QDBusInterface proxy(names::service, path, names::adapter, QDBusConnection::systemBus());
-        if (!proxyFound(proxy))
+        // Asked before the proxy exists, so a missing path costs one call.
+        if (!bluezObjectDeclares(path, names::adapter))
             continue;
+        QDBusInterface proxy(names::service, path, names::adapter, QDBusConnection::systemBus());
         PropertyMap properties;
         for (const char *name : adapterProperties)
             properties.insert(QLatin1String(name), readProxyProperty(proxy, name));
