@@ -85,6 +85,8 @@ def _busy(sim):
         'Appearance': dbus.UInt32(0x10003C1), 'Paired': dbus.Int32(1)})
     sim.add_device('hci0', 'AA:00:00:00:00:09', path=dev('hci0', 'AA:00:00:00:00:09'),
                    omit=['Address'], rssi=-10)
+    sim.add_device('hci0', 'AA:00:00:00:00:0A', path=dev('hci0', 'AA:00:00:00:00:0A'),
+                   props={'Address': dbus.UInt32(42)})
     sim.add_adapter('hci1', powered=False, name='beta')
     sim.add_device('hci1', '22:00:00:00:00:01', rssi=-55)
     sim.add_adapter('hci10')
@@ -230,7 +232,8 @@ def test_devices_by_strength_then_address_with_the_latest_poll_winning(scanned):
         ('00:00:00:00:00:02', -70),
         ('AA:00:00:00:00:06', -80),  # started at -50, moved away
         ('0A:BB:CC:DD:EE:FF', None),
-        ('11:22:33:44:55:66', None)]
+        ('11:22:33:44:55:66', None),
+        ('42', None)]  # an Address of the wrong type, as text
     by_address = {d['address']: d for d in busy.doc['devices']}
     assert by_address['AA:00:00:00:00:05']['name'] == 'Came closer'
     assert by_address['AA:00:00:00:00:07']['name'] == 'Left early'
