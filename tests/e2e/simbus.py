@@ -51,6 +51,13 @@ def _read_memfd(fd):
     return os.pread(fd, size, 0).decode('utf-8', 'replace')
 
 
+def _options(**entries):
+    '''An a{sv} of the entries given as (dbus type, value); None values are
+    left out, so the simulator keeps its defaults for them.'''
+    return dbus.Dictionary({key: kind(value) for key, (kind, value) in entries.items()
+                            if value is not None}, signature='sv')
+
+
 def _terminate(process):
     if process.poll() is None:
         process.terminate()
@@ -277,16 +284,11 @@ class Sim:
         appear_after / vanish_after: seconds of discovery on the adapter
         before the device object appears / disappears. pairing: a mode of
         PAIRING_MODES, a list of steps or a full configuration (set_pairing).'''
-        options = {}
-        if appear_after is not None:
-            options['appear_after'] = dbus.Double(appear_after)
-        if vanish_after is not None:
-            options['vanish_after'] = dbus.Double(vanish_after)
-        if path is not None:
-            options['path'] = dbus.String(path)
+        options = _options(appear_after=(dbus.Double, appear_after),
+                           vanish_after=(dbus.Double, vanish_after), path=(dbus.String, path))
         device = str(self.control.AddDevice(
             adapter, address, typed_props(props, **keywords), dbus.Array(omit, signature='s'),
-            dbus.Dictionary(options, signature='sv')))
+            options))
         if pairing is not None:
             self.set_pairing(device, pairing)
         return device
@@ -338,15 +340,10 @@ class Sim:
               path=None, interface=None, prop=None):
         '''The next `times` calls (None: all) of `method` matching path,
         interface and (for Properties Get/Set) property fail with the error.'''
-        match = {}
-        if path is not None:
-            match['path'] = dbus.String(path)
-        if interface is not None:
-            match['interface'] = dbus.String(interface)
-        if prop is not None:
-            match['property'] = dbus.String(prop)
+        match = _options(path=(dbus.String, path), interface=(dbus.String, interface),
+                         property=(dbus.String, prop))
         self.control.InjectFault(method, error, message, -1 if times is None else int(times),
-                                 dbus.Dictionary(match, signature='sv'))
+                                 match)
 
     def fault_set(self, prop, error='org.bluez.Error.Failed', message='Failed', times=1, path=None):
         '''Properties.Set of `prop` fails.'''
@@ -367,22 +364,14 @@ class Sim:
     def leave_bus(self, after_managed_objects=None, after_seconds=None):
         '''Give up org.bluez: after serving that many more GetManagedObjects
         calls, after some seconds, or (with neither) right away.'''
-        when = {}
-        if after_managed_objects is not None:
-            when['after_managed_objects'] = dbus.UInt32(after_managed_objects)
-        if after_seconds is not None:
-            when['after_seconds'] = dbus.Double(after_seconds)
-        self.control.LeaveBus(dbus.Dictionary(when, signature='sv'))
+        self.control.LeaveBus(_options(after_managed_objects=(dbus.UInt32, after_managed_objects),
+                                       after_seconds=(dbus.Double, after_seconds)))
 
     def configure(self, agent_timeout=None, list_manager=None):
         '''agent_timeout: seconds Pair waits for an agent's reply.
         list_manager: whether GetManagedObjects lists /org/bluez itself.'''
-        options = {}
-        if agent_timeout is not None:
-            options['agent_timeout'] = dbus.Double(agent_timeout)
-        if list_manager is not None:
-            options['list_manager'] = dbus.Boolean(list_manager)
-        self.control.Configure(dbus.Dictionary(options, signature='sv'))
+        self.control.Configure(_options(agent_timeout=(dbus.Double, agent_timeout),
+                                        list_manager=(dbus.Boolean, list_manager)))
 
     # -- what happened -----------------------------------------------------
 
