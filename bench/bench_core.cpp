@@ -9,7 +9,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-using kelvane::result::DeviceInfo;
+using kelvane::core::DeviceInfo;
 
 namespace {
 

@@ -2,13 +2,13 @@
 
 #include "app/commandline.h"
 #include "bluez/adapters.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 #include "operations/forget.h"
 #include "operations/knowndevices.h"
 #include "operations/scan.h"
 #include "pairing/pair.h"
 #include "result/json.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 #include "storage/backup.h"
 #include "storage/forgetstored.h"
 #include "storage/paths.h"
@@ -39,14 +39,14 @@ int printSimpleResult(bool success, const std::string &message) {
 int runRestore() {
     QString error;
     const bool restored = storage::restoreBackup(&error);
-    return printSimpleResult(restored, restored ? std::string() : result::toUtf8(error));
+    return printSimpleResult(restored, restored ? std::string() : core::toUtf8(error));
 }
 
 // BlueZ first; only when it cannot remove the device is the store edited directly.
 int runForget(const std::string &mac) {
     std::string error;
     if (operations::forgetDevice(error, mac) ||
-        storage::forgetStoredDevice(result::fromUtf8(mac), nullptr, storage::storeRoot)) {
+        storage::forgetStoredDevice(core::fromUtf8(mac), nullptr, storage::storeRoot)) {
         saveBluetoothConfig();
         return printSimpleResult(true, std::string());
     }
@@ -55,14 +55,14 @@ int runForget(const std::string &mac) {
 
 constexpr int scanSeconds = 10;
 
-std::string adapterReport(const result::AdapterInfo &adapter, const std::string &error) {
+std::string adapterReport(const core::AdapterInfo &adapter, const std::string &error) {
     return "adapter " + std::to_string(adapter.id) + ": " + error;
 }
 
 int runScan() {
     result::ResultDocument document;
     std::string error;
-    const std::vector<result::AdapterInfo> adapters = bluez::listAdapters(error);
+    const std::vector<core::AdapterInfo> adapters = bluez::listAdapters(error);
     if (adapters.empty()) {
         document.setStatus(result::ResultStatus::Error);
         document.setError(error);
@@ -70,8 +70,8 @@ int runScan() {
         return 1;
     }
     document.setAdapters(adapters);
-    for (const result::AdapterInfo &adapter : adapters) {
-        const std::vector<result::DeviceInfo> devices =
+    for (const core::AdapterInfo &adapter : adapters) {
+        const std::vector<core::DeviceInfo> devices =
             operations::scanAdapter(adapter.path, error, scanSeconds);
         if (devices.empty() && !error.empty()) {
             document.setStatus(result::ResultStatus::Partial);
@@ -100,7 +100,7 @@ int runPair(const std::string &mac) {
 // Qt's own warnings (a daemon sending odd types, say) must never reach the
 // caller's stderr unasked: they become debug lines of the -v trace.
 void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &message) {
-    bluez::DbusTrace::debug("qt: " + message.toUtf8());
+    core::DbusTrace::debug("qt: " + message.toUtf8());
 }
 
 int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {
@@ -173,7 +173,7 @@ void saveBluetoothConfig() {
         return;
     QString error;
     if (!storage::saveBackup(&error))
-        bluez::DbusTrace::debug("warning: failed to save bluetooth config: " + error.toUtf8());
+        core::DbusTrace::debug("warning: failed to save bluetooth config: " + error.toUtf8());
 }
 
 int runFrontEnd(int argc, char **argv) {
@@ -186,7 +186,7 @@ int runFrontEnd(int argc, char **argv) {
         words.emplace_back(argv[i]);
     const ParsedCommandLine parsed = parseCommandLine(words);
     if (parsed.trace)
-        bluez::DbusTrace::setEnabled(true);
+        core::DbusTrace::setEnabled(true);
     return dispatch(parsed, argc > 0 ? std::string(argv[0]) : std::string());
 }
 

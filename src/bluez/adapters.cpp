@@ -3,7 +3,7 @@
 #include "bluez/names.h"
 #include "bluez/properties.h"
 #include "bluez/snapshot.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 #include <QDBusConnection>
 #include <QDBusInterface>
@@ -12,13 +12,13 @@ namespace kelvane::bluez {
 
 namespace {
 
-result::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &properties) {
-    result::AdapterInfo adapter;
-    adapter.path = result::toUtf8(path);
+core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &properties) {
+    core::AdapterInfo adapter;
+    adapter.path = core::toUtf8(path);
     adapter.id = adapterIdFromPath(path);
-    adapter.address = result::toUtf8(properties.value(QStringLiteral("Address")).toString());
-    adapter.name = result::toUtf8(properties.value(QStringLiteral("Name")).toString());
-    adapter.alias = result::toUtf8(properties.value(QStringLiteral("Alias")).toString());
+    adapter.address = core::toUtf8(properties.value(QStringLiteral("Address")).toString());
+    adapter.name = core::toUtf8(properties.value(QStringLiteral("Name")).toString());
+    adapter.alias = core::toUtf8(properties.value(QStringLiteral("Alias")).toString());
     adapter.powered = properties.value(QStringLiteral("Powered")).toBool();
     adapter.discovering = properties.value(QStringLiteral("Discovering")).toBool();
     return adapter;
@@ -40,22 +40,22 @@ int adapterIdFromPath(const QString &path) {
     return ok ? id : -1;
 }
 
-std::vector<result::AdapterInfo> listAdapters(std::string &error) {
+std::vector<core::AdapterInfo> listAdapters(std::string &error) {
     error.clear();
     QString snapshotError;
     const ManagedObjectMap objects = loadManagedObjects(&snapshotError);
-    std::vector<result::AdapterInfo> adapters;
+    std::vector<core::AdapterInfo> adapters;
     for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
         const PropertyMap properties = it.value().value(names::adapter);
         if (properties.isEmpty())
             continue;
-        result::AdapterInfo adapter = adapterFromProperties(it.key().path(), properties);
+        core::AdapterInfo adapter = adapterFromProperties(it.key().path(), properties);
         if (!adapter.address.empty())
             adapters.push_back(std::move(adapter));
     }
     if (adapters.empty())
         error = snapshotError.isEmpty() ? std::string("no Bluetooth adapters found")
-                                        : result::toUtf8(snapshotError);
+                                        : core::toUtf8(snapshotError);
     return adapters;
 }
 

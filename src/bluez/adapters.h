@@ -1,6 +1,6 @@
 #pragma once
 
-#include "result/records.h"
+#include "core/records.h"
 
 #include <QString>
 
@@ -10,7 +10,7 @@
 namespace kelvane::bluez {
 
 // Every adapter with an address, in object-path text order.
-std::vector<result::AdapterInfo> listAdapters(std::string &error);
+std::vector<core::AdapterInfo> listAdapters(std::string &error);
 
 // N of "/org/bluez/hciN", or -1 for any other path.
 int adapterIdFromPath(const QString &path);

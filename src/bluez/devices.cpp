@@ -3,14 +3,14 @@
 #include "bluez/address.h"
 #include "bluez/names.h"
 #include "bluez/snapshot.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 namespace kelvane::bluez {
 
 namespace {
 
 std::string textProperty(const PropertyMap &properties, const char *name) {
-    return result::toUtf8(properties.value(QLatin1String(name)).toString());
+    return core::toUtf8(properties.value(QLatin1String(name)).toString());
 }
 
 bool boolProperty(const PropertyMap &properties, const char *name) {
@@ -28,9 +28,9 @@ std::optional<T> unsignedProperty(const PropertyMap &properties, const char *nam
 
 } // namespace
 
-result::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &properties) {
-    result::DeviceInfo device;
-    device.path = result::toUtf8(path);
+core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &properties) {
+    core::DeviceInfo device;
+    device.path = core::toUtf8(path);
     device.address = textProperty(properties, "Address");
     device.name = textProperty(properties, "Name");
     device.alias = textProperty(properties, "Alias");
@@ -43,7 +43,7 @@ result::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &
     const QVariant uuids = properties.value(QStringLiteral("UUIDs"));
     // An array of anything but strings arrives as a QDBusArgument and converts to nothing.
     for (const QString &uuid : uuids.toStringList())
-        device.uuids.push_back(result::toUtf8(uuid));
+        device.uuids.push_back(core::toUtf8(uuid));
     const QVariant rssi = properties.value(QStringLiteral("RSSI"));
     if (rssi.isValid())
         device.rssi = static_cast<std::int16_t>(rssi.toInt());
@@ -62,21 +62,21 @@ QString findDevicePathByAddress(const ManagedObjectMap &objects, const QString &
     return QString();
 }
 
-std::vector<result::DeviceInfo> listLiveDevices(std::string &error) {
+std::vector<core::DeviceInfo> listLiveDevices(std::string &error) {
     error.clear();
     QString snapshotError;
     const ManagedObjectMap objects = loadManagedObjects(&snapshotError);
-    std::vector<result::DeviceInfo> devices;
+    std::vector<core::DeviceInfo> devices;
     for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
         const PropertyMap properties = it.value().value(names::device);
         if (properties.isEmpty())
             continue;
-        result::DeviceInfo device = deviceFromProperties(it.key().path(), properties);
+        core::DeviceInfo device = deviceFromProperties(it.key().path(), properties);
         if (!device.address.empty())
             devices.push_back(std::move(device));
     }
     if (devices.empty())
-        error = result::toUtf8(snapshotError);
+        error = core::toUtf8(snapshotError);
     return devices;
 }
 

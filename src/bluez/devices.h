@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bluez/dbustypes.h"
-#include "result/records.h"
+#include "core/records.h"
 
 #include <QString>
 
@@ -11,13 +11,13 @@
 namespace kelvane::bluez {
 
 // A record from an org.bluez.Device1 property map; tolerant of wrong types.
-result::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &properties);
+core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &properties);
 
 // Object path of the first device (in path order) whose normalised Address
 // equals the normalised `address`; empty when none.
 QString findDevicePathByAddress(const ManagedObjectMap &objects, const QString &address);
 
 // Every device BlueZ has right now, in object-path order.
-std::vector<result::DeviceInfo> listLiveDevices(std::string &error);
+std::vector<core::DeviceInfo> listLiveDevices(std::string &error);
 
 } // namespace kelvane::bluez

@@ -3,13 +3,15 @@
 #include "bluez/dbustypes.h"
 #include "bluez/names.h"
 #include "bluez/properties.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 
 #include <QDBusConnection>
 #include <QDBusInterface>
 #include <QDBusObjectPath>
 
 namespace kelvane::bluez {
+
+namespace DbusTrace = core::DbusTrace;
 
 namespace {
 

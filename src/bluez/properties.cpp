@@ -2,7 +2,7 @@
 
 #include "bluez/dbustypes.h"
 #include "bluez/names.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 
 #include <QDBusConnection>
 #include <QDBusInterface>
@@ -11,6 +11,8 @@
 #include <QXmlStreamReader>
 
 namespace kelvane::bluez {
+
+namespace DbusTrace = core::DbusTrace;
 
 bool introspectionDeclares(const QString &xml, const QString &interface) {
     QXmlStreamReader reader(xml);

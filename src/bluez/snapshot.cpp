@@ -2,7 +2,7 @@
 
 #include "bluez/names.h"
 #include "bluez/properties.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -10,6 +10,8 @@
 #include <QDBusMessage>
 
 namespace kelvane::bluez {
+
+namespace DbusTrace = core::DbusTrace;
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "bluez/discovery.h"
 #include "bluez/names.h"
 #include "bluez/snapshot.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 namespace kelvane::operations {
 
@@ -19,9 +19,9 @@ QString adapterPathOf(const QString &devicePath) {
 
 } // namespace
 
-bool forgetDevice(std::string &error, const std::string &address, result::DeviceInfo *removed) {
+bool forgetDevice(std::string &error, const std::string &address, core::DeviceInfo *removed) {
     error.clear();
-    const QString typed = result::fromUtf8(address);
+    const QString typed = core::fromUtf8(address);
     if (!bluez::isValidAddress(bluez::normalizeAddress(typed))) {
         error = "invalid Bluetooth address: " + address;
         return false;
@@ -40,7 +40,7 @@ bool forgetDevice(std::string &error, const std::string &address, result::Device
 
     QString removeError;
     if (!bluez::removeDevice(adapterPathOf(devicePath), devicePath, &removeError)) {
-        error = result::toUtf8(removeError);
+        error = core::toUtf8(removeError);
         return false;
     }
     return true;

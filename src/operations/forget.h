@@ -1,6 +1,6 @@
 #pragma once
 
-#include "result/records.h"
+#include "core/records.h"
 
 #include <string>
 
@@ -9,6 +9,6 @@ namespace kelvane::operations {
 // Asks BlueZ to remove the device with this address (as typed). `removed`
 // receives the device's record as it was just before the removal.
 bool forgetDevice(std::string &error, const std::string &address,
-                  result::DeviceInfo *removed = nullptr);
+                  core::DeviceInfo *removed = nullptr);
 
 } // namespace kelvane::operations

@@ -2,7 +2,7 @@
 
 #include "bluez/devices.h"
 #include "result/json.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 #include "storage/paths.h"
 #include "storage/storelisting.h"
 
@@ -12,13 +12,13 @@ namespace kelvane::operations {
 
 namespace {
 
-using result::DeviceInfo;
+using core::DeviceInfo;
 using storage::StoredDevice;
 
 const DeviceInfo *livePartner(const std::vector<DeviceInfo> &live, const QString &storedAddress) {
     const QString wanted = storedAddress.trimmed();
     for (const DeviceInfo &device : live) {
-        if (result::fromUtf8(device.address).compare(wanted, Qt::CaseInsensitive) == 0)
+        if (core::fromUtf8(device.address).compare(wanted, Qt::CaseInsensitive) == 0)
             return &device;
     }
     return nullptr;
@@ -27,14 +27,14 @@ const DeviceInfo *livePartner(const std::vector<DeviceInfo> &live, const QString
 // The store supplies the facts; the bus only the object path and connection.
 DeviceInfo knownDevice(const StoredDevice &stored, const std::vector<DeviceInfo> &live) {
     DeviceInfo device;
-    device.address = result::toUtf8(stored.address);
-    device.name = result::toUtf8(stored.name);
+    device.address = core::toUtf8(stored.address);
+    device.name = core::toUtf8(stored.name);
     device.paired = true;
     device.trusted = stored.trusted;
     device.classOfDevice = stored.deviceClass;
     device.appearance = stored.appearance;
     for (const QString &uuid : stored.services)
-        device.uuids.push_back(result::toUtf8(uuid));
+        device.uuids.push_back(core::toUtf8(uuid));
     if (const DeviceInfo *partner = livePartner(live, stored.address)) {
         device.connected = partner->connected;
         device.path = partner->path;
@@ -43,16 +43,16 @@ DeviceInfo knownDevice(const StoredDevice &stored, const std::vector<DeviceInfo>
 }
 
 // Adapters the store names, numbered in order of first appearance.
-std::vector<result::AdapterInfo> storedAdapters(const std::vector<StoredDevice> &stored) {
-    std::vector<result::AdapterInfo> adapters;
+std::vector<core::AdapterInfo> storedAdapters(const std::vector<StoredDevice> &stored) {
+    std::vector<core::AdapterInfo> adapters;
     for (const StoredDevice &device : stored) {
-        const std::string address = result::toUtf8(device.adapter);
+        const std::string address = core::toUtf8(device.adapter);
         const bool known =
             std::any_of(adapters.begin(), adapters.end(),
-                        [&](const result::AdapterInfo &a) { return a.address == address; });
+                        [&](const core::AdapterInfo &a) { return a.address == address; });
         if (known)
             continue;
-        result::AdapterInfo adapter;
+        core::AdapterInfo adapter;
         adapter.id = static_cast<std::int32_t>(adapters.size());
         adapter.address = address;
         adapters.push_back(adapter);

@@ -6,7 +6,7 @@
 #include "bluez/names.h"
 #include "bluez/snapshot.h"
 #include "result/resultdocument.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 #include <QThread>
 
@@ -22,8 +22,8 @@ bool belongsToAdapter(const QString &objectPath, const QString &adapterPath) {
            objectPath.contains(QLatin1String("/dev_"));
 }
 
-std::vector<result::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
-    std::vector<result::DeviceInfo> devices;
+std::vector<core::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
+    std::vector<core::DeviceInfo> devices;
     const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
     for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
         if (!belongsToAdapter(it.key().path(), adapterPath))
@@ -31,7 +31,7 @@ std::vector<result::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
         const bluez::PropertyMap properties = it.value().value(bluez::names::device);
         if (properties.isEmpty())
             continue;
-        result::DeviceInfo device = bluez::deviceFromProperties(it.key().path(), properties);
+        core::DeviceInfo device = bluez::deviceFromProperties(it.key().path(), properties);
         if (!device.address.empty())
             devices.push_back(std::move(device));
     }
@@ -40,9 +40,9 @@ std::vector<result::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
 
 // Unlike the result document's merge, the latest poll always wins here: a scan
 // reports what the device looked like when it was last seen.
-void mergeLatest(std::vector<result::DeviceInfo> &seen, std::vector<result::DeviceInfo> poll) {
-    for (result::DeviceInfo &device : poll) {
-        auto existing = std::find_if(seen.begin(), seen.end(), [&](const result::DeviceInfo &d) {
+void mergeLatest(std::vector<core::DeviceInfo> &seen, std::vector<core::DeviceInfo> poll) {
+    for (core::DeviceInfo &device : poll) {
+        auto existing = std::find_if(seen.begin(), seen.end(), [&](const core::DeviceInfo &d) {
             return d.address == device.address;
         });
         if (existing == seen.end())
@@ -54,20 +54,20 @@ void mergeLatest(std::vector<result::DeviceInfo> &seen, std::vector<result::Devi
 
 } // namespace
 
-std::vector<result::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
+std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
                                             int seconds) {
     error.clear();
-    const QString path = result::fromUtf8(adapterPath);
+    const QString path = core::fromUtf8(adapterPath);
     if (path.isEmpty()) {
         error = "invalid adapter path";
         return {};
     }
     QString stepError;
     if (!bluez::ensureAdapterPowered(path, stepError) || !bluez::startDiscovery(path, stepError)) {
-        error = result::toUtf8(stepError);
+        error = core::toUtf8(stepError);
         return {};
     }
-    std::vector<result::DeviceInfo> seen;
+    std::vector<core::DeviceInfo> seen;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
         mergeLatest(seen, pollAdapterDevices(path));

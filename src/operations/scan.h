@@ -1,6 +1,6 @@
 #pragma once
 
-#include "result/records.h"
+#include "core/records.h"
 
 #include <string>
 #include <vector>
@@ -9,7 +9,7 @@ namespace kelvane::operations {
 
 // Powers the adapter, discovers for `seconds` one-second polls and returns
 // what it saw under the adapter, merged by address (latest poll wins), sorted.
-std::vector<result::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
+std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
                                             int seconds);
 
 } // namespace kelvane::operations

@@ -1,14 +1,14 @@
 #include "pairing/agent.h"
 
 #include "bluez/names.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 #include "pairing/eventlog.h"
 
 #include <QJsonObject>
 
 namespace kelvane::pairing {
 
-namespace trace = bluez::DbusTrace;
+namespace trace = core::DbusTrace;
 
 namespace {
 

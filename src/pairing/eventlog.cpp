@@ -19,7 +19,7 @@ namespace {
 struct LogState {
     std::mutex mutex;
     QJsonArray events;
-    std::optional<result::DeviceInfo> device;
+    std::optional<core::DeviceInfo> device;
     QString filePath = PairingEventLog::defaultFilePath;
 };
 
@@ -38,7 +38,7 @@ void PairingEventLog::reset() {
     writeFile();
 }
 
-void PairingEventLog::setDevice(const result::DeviceInfo &device) {
+void PairingEventLog::setDevice(const core::DeviceInfo &device) {
     LogState &log = state();
     std::lock_guard<std::mutex> lock(log.mutex);
     log.device = device;
@@ -50,7 +50,7 @@ void PairingEventLog::logEvent(const QString &name, const QJsonObject &extra) {
     QJsonObject event = extra;
     event.insert(QStringLiteral("event"), name);
     event.insert(QStringLiteral("timestamp"), QDateTime::currentDateTimeUtc().toSecsSinceEpoch());
-    std::optional<result::DeviceInfo> device;
+    std::optional<core::DeviceInfo> device;
     {
         std::lock_guard<std::mutex> lock(log.mutex);
         device = log.device;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "result/records.h"
+#include "core/records.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -20,7 +20,7 @@ public:
     // Forgets all events and the device and rewrites the file as "[]".
     static void reset();
     // Every later event carries this device.
-    static void setDevice(const result::DeviceInfo &device);
+    static void setDevice(const core::DeviceInfo &device);
     // Appends {"event", "timestamp", ["device"], extra...} and rewrites the
     // file. The log's own members win over equally named extra fields.
     static void logEvent(const QString &name, const QJsonObject &extra = QJsonObject());

@@ -7,10 +7,10 @@
 #include "bluez/names.h"
 #include "bluez/properties.h"
 #include "bluez/snapshot.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 #include "pairing/eventlog.h"
 #include "pairing/registration.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -22,7 +22,7 @@
 
 namespace kelvane::pairing {
 
-namespace trace = bluez::DbusTrace;
+namespace trace = core::DbusTrace;
 using bluez::names::device;
 
 namespace {
@@ -233,9 +233,9 @@ private:
 
 bool pairTrustConnect(const std::string &address, std::string &error) {
     error.clear();
-    const QString typed = result::fromUtf8(address);
+    const QString typed = core::fromUtf8(address);
     if (!bluez::isValidAddress(bluez::normalizeAddress(typed))) {
-        error = result::toUtf8(QStringLiteral("invalid Bluetooth address: ") + typed);
+        error = core::toUtf8(QStringLiteral("invalid Bluetooth address: ") + typed);
         return false;
     }
     // Declared first so that it is destroyed last: the agent is withdrawn
@@ -245,7 +245,7 @@ bool pairTrustConnect(const std::string &address, std::string &error) {
     PairingEventLog::reset();
     PairProcedure procedure(typed);
     if (!procedure.run()) {
-        error = result::toUtf8(procedure.message());
+        error = core::toUtf8(procedure.message());
         return false;
     }
     return true;

@@ -2,14 +2,14 @@
 
 #include "bluez/dbustypes.h"
 #include "bluez/names.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
 
 namespace kelvane::pairing {
 
-namespace trace = bluez::DbusTrace;
+namespace trace = core::DbusTrace;
 
 namespace {
 

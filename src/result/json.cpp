@@ -5,7 +5,7 @@
 #include "classify/hid.h"
 #include "classify/label.h"
 #include "classify/uuids.h"
-#include "result/utf8.h"
+#include "core/utf8.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -14,6 +14,8 @@
 #include <cstdio>
 
 namespace kelvane::result {
+
+using core::fromUtf8;
 
 namespace {
 

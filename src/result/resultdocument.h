@@ -1,11 +1,14 @@
 #pragma once
 
-#include "result/records.h"
+#include "core/records.h"
 
 #include <string>
 #include <vector>
 
 namespace kelvane::result {
+
+using core::AdapterInfo;
+using core::DeviceInfo;
 
 enum class ResultStatus { Ok = 0, Partial = 1, Error = 2 };
 

@@ -2,7 +2,7 @@
 #include "bluez/address.h"
 #include "bluez/devices.h"
 #include "bluez/properties.h"
-#include "bluez/trace.h"
+#include "core/trace.h"
 #include "stdcapture.h"
 
 #include <QDBusArgument>
@@ -11,7 +11,8 @@
 #include <functional>
 
 using namespace kelvane::bluez;
-using kelvane::result::DeviceInfo;
+namespace DbusTrace = kelvane::core::DbusTrace;
+using kelvane::core::DeviceInfo;
 
 Q_DECLARE_METATYPE(std::function<void()>)
 

@@ -1,4 +1,4 @@
-#include "bluez/trace.h"
+#include "core/trace.h"
 #include "pairing/agent.h"
 #include "pairing/eventlog.h"
 #include "pairing/pair.h"
@@ -32,9 +32,9 @@ const QStringList withdrawal{
 
 // The trace's own lines written while fn runs: Qt may add warnings of its own.
 template <typename Fn> QStringList traceLines(Fn fn) {
-    bluez::DbusTrace::setEnabled(true);
+    core::DbusTrace::setEnabled(true);
     const QByteArray written = captureStream(stderr, fn);
-    bluez::DbusTrace::setEnabled(false);
+    core::DbusTrace::setEnabled(false);
     QStringList lines;
     for (const QByteArray &line : written.split('\n')) {
         if (line.startsWith("debug: ") || line.startsWith("dbus "))
@@ -81,8 +81,8 @@ void runAgentStep(PairingAgent &agent, const QString &step) {
     callbacks.at(w[0])();
 }
 
-result::DeviceInfo sampleDevice() {
-    result::DeviceInfo device;
+core::DeviceInfo sampleDevice() {
+    core::DeviceInfo device;
     device.address = "00:11:22:33:44:55";
     device.paired = true;
     return device;

@@ -1,8 +1,8 @@
-#include "bluez/trace.h"
+#include "core/trace.h"
 
 #include <cstdio>
 
-namespace kelvane::bluez::DbusTrace {
+namespace kelvane::core::DbusTrace {
 
 namespace {
 
@@ -62,4 +62,4 @@ void reply(const QString &method, bool ok, const QString &message) {
     writeLine(line.toUtf8());
 }
 
-} // namespace kelvane::bluez::DbusTrace
+} // namespace kelvane::core::DbusTrace

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace kelvane::result {
+namespace kelvane::core {
 
 // One Bluetooth device as seen on the bus or in the store. Texts are UTF-8.
 struct DeviceInfo {
@@ -34,4 +34,4 @@ struct AdapterInfo {
     bool discovering = false;
 };
 
-} // namespace kelvane::result
+} // namespace kelvane::core

@@ -4,7 +4,7 @@
 #include <QString>
 
 // The -v trace on standard error. Silent until enabled; each line is flushed.
-namespace kelvane::bluez::DbusTrace {
+namespace kelvane::core::DbusTrace {
 
 void setEnabled(bool on);
 bool isEnabled();
@@ -20,4 +20,4 @@ void incoming(const QString &path, const QString &interface, const QString &meth
 // "dbus << <method> ok|error[: <message>]"
 void reply(const QString &method, bool ok, const QString &message);
 
-} // namespace kelvane::bluez::DbusTrace
+} // namespace kelvane::core::DbusTrace
