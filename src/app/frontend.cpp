@@ -2,15 +2,17 @@
 
 #include "app/commandline.h"
 #include "bluez/adapters.h"
+#include "bluez/address.h"
 #include "core/trace.h"
+#include "core/utf8.h"
 #include "operations/forget.h"
 #include "operations/knowndevices.h"
 #include "operations/scan.h"
 #include "pairing/pair.h"
 #include "result/json.h"
-#include "core/utf8.h"
 #include "storage/backup.h"
 #include "storage/forgetstored.h"
+#include "storage/lock.h"
 #include "storage/paths.h"
 
 #include <QCoreApplication>
@@ -36,21 +38,44 @@ int printSimpleResult(bool success, const std::string &message) {
     return success ? 0 : 1;
 }
 
-int runRestore() {
-    QString error;
-    const bool restored = storage::restoreBackup(&error);
-    return printSimpleResult(restored, restored ? std::string() : core::toUtf8(error));
+// One run at a time changes the store, its backup and the event file; what
+// a killed run left half done is settled before anything else reads them.
+template <typename Operation> int underStoreLock(Operation operation) {
+    const core::Expected<storage::StoreLock> lock =
+        storage::lockStore(storage::lockFile, storage::lockWaitBound);
+    if (!lock)
+        return printSimpleResult(false, core::toUtf8(lock.error().message));
+    storage::recoverInterruptedCopies();
+    return operation();
 }
 
-// BlueZ first; only when it cannot remove the device is the store edited directly.
+int runRestore() {
+    return underStoreLock([] {
+        const core::Status restored = storage::restoreBackup();
+        return printSimpleResult(restored.ok(),
+                                 restored ? std::string() : core::toUtf8(restored.error().message));
+    });
+}
+
+int invalidAddress(const std::string &typed) {
+    return printSimpleResult(false, "invalid Bluetooth address: " + typed);
+}
+
+// The address is read once: trimmed and normalised, the same form goes to
+// BlueZ and to the store, and a word that is no address deletes nothing.
 int runForget(const std::string &mac) {
-    std::string error;
-    if (operations::forgetDevice(error, mac) ||
-        storage::forgetStoredDevice(core::fromUtf8(mac), nullptr, storage::storeRoot)) {
-        saveBluetoothConfig();
-        return printSimpleResult(true, std::string());
-    }
-    return printSimpleResult(false, error.empty() ? std::string("device not found") : error);
+    const QString address = bluez::normalizeAddress(core::fromUtf8(mac).trimmed());
+    if (!bluez::isValidAddress(address))
+        return invalidAddress(mac);
+    return underStoreLock([&] {
+        std::string error;
+        if (operations::forgetDevice(error, core::toUtf8(address)) ||
+            storage::forgetStoredDevice(address, nullptr, storage::storeRoot)) {
+            saveBluetoothConfig();
+            return printSimpleResult(true, std::string());
+        }
+        return printSimpleResult(false, error.empty() ? std::string("device not found") : error);
+    });
 }
 
 constexpr int scanSeconds = 10;
@@ -89,12 +114,17 @@ int runScan() {
 // Unlike forget, the result line comes before the backup: the caller learns
 // the outcome without waiting for the copy.
 int runPair(const std::string &mac) {
-    std::string error;
-    if (!pairing::pairTrustConnect(mac, error))
-        return printSimpleResult(false, error);
-    printSimpleResult(true, std::string());
-    saveBluetoothConfig();
-    return 0;
+    // Checked before waiting for the lock: a typo need not wait for another run.
+    if (!bluez::isValidAddress(bluez::normalizeAddress(core::fromUtf8(mac))))
+        return invalidAddress(mac);
+    return underStoreLock([&] {
+        std::string error;
+        if (!pairing::pairTrustConnect(mac, error))
+            return printSimpleResult(false, error);
+        printSimpleResult(true, std::string());
+        saveBluetoothConfig();
+        return 0;
+    });
 }
 
 // Qt's own warnings (a daemon sending odd types, say) must never reach the
@@ -171,9 +201,9 @@ bool requireRoot(const std::string &option) {
 void saveBluetoothConfig() {
     if (geteuid() != 0)
         return;
-    QString error;
-    if (!storage::saveBackup(&error))
-        core::DbusTrace::debug("warning: failed to save bluetooth config: " + error.toUtf8());
+    if (const core::Status saved = storage::saveBackup(); !saved)
+        core::DbusTrace::debug("warning: failed to save bluetooth config: " +
+                               saved.error().message.toUtf8());
 }
 
 int runFrontEnd(int argc, char **argv) {

@@ -4,9 +4,10 @@
 #include "bluez/names.h"
 #include "bluez/snapshot.h"
 #include "result/json.h"
+#include "storage/atomicfile.h"
 
 #include <QDateTime>
-#include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 
 #include <mutex>
@@ -76,13 +77,18 @@ void PairingEventLog::setFilePath(const QString &path) {
 
 void PairingEventLog::writeFile() {
     LogState &log = state();
-    QFile file(log.filePath);
-    // An unwritable file must not disturb the pairing; the next event
-    // rewrites the complete list anyway.
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return;
-    file.write(QJsonDocument(log.events).toJson(QJsonDocument::Compact));
-    file.write("\n");
+    const QFileInfo file(log.filePath);
+    // Written beside and renamed over the old one, so a reader always sees a
+    // whole array; an unwritable file must not disturb the pairing, and the
+    // next event rewrites the complete list anyway.
+    (void)storage::replaceFile(file.path(), file.fileName(),
+                               QJsonDocument(log.events).toJson(QJsonDocument::Compact) + '\n',
+                               0644);
+}
+
+void PairingEventLog::removeLeftovers() {
+    const QFileInfo file(state().filePath);
+    storage::removeStaleTemporaries(file.path(), file.fileName());
 }
 
 void refreshEventDevice(const QString &devicePath) {

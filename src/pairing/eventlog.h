@@ -17,8 +17,10 @@ public:
 
     static inline const QString defaultFilePath = QStringLiteral("/tmp/kelvane-events.json");
 
-    // Forgets all events and the device and rewrites the file as "[]".
+    // Forgets all events and the device and replaces the file with "[]".
     static void reset();
+    // Removes what a killed run left beside the file.
+    static void removeLeftovers();
     // Every later event carries this device.
     static void setDevice(const core::DeviceInfo &device);
     // Appends {"event", "timestamp", ["device"], extra...} and rewrites the

@@ -8,9 +8,9 @@
 #include "bluez/properties.h"
 #include "bluez/snapshot.h"
 #include "core/trace.h"
+#include "core/utf8.h"
 #include "pairing/eventlog.h"
 #include "pairing/registration.h"
-#include "core/utf8.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -238,11 +238,13 @@ bool pairTrustConnect(const std::string &address, std::string &error) {
         error = core::toUtf8(QStringLiteral("invalid Bluetooth address: ") + typed);
         return false;
     }
-    // Declared first so that it is destroyed last: the agent is withdrawn
-    // after every other step, on every way out.
+    // Reset first: a reader must never take the last run's passkey for this one's.
+    PairingEventLog::reset();
+    PairingEventLog::removeLeftovers();
+    // Declared before the procedure so that it is destroyed last: the agent
+    // is withdrawn after every other step, on every way out.
     AgentRegistration registration;
     registerPairingAgent(registration);
-    PairingEventLog::reset();
     PairProcedure procedure(typed);
     if (!procedure.run()) {
         error = core::toUtf8(procedure.message());

@@ -1,40 +1,45 @@
 #pragma once
 
-#include <QString>
+#include "core/expected.h"
 
+#include <QString>
+#include <QStringList>
+
+// The backup copy of BlueZ's store, and the way back. Both directions build
+// the new tree beside the old one and swap it in, so the store and the backup
+// are always one complete version or the other.
 namespace kelvane::storage {
 
-// Copies a file, or a directory with its visible entries, to target, merging
-// into what is already there. Links are followed: the copy holds plain files
-// and directories. Permission bits are kept.
-bool copyRecursively(const QString &source, const QString &target, QString *error = nullptr);
+// Where the backup lives: below a world-writable directory, reached one piece
+// at a time so that nobody else's link or directory is ever used on the way.
+struct BackupLocation {
+    QString root;        // "/tmp"
+    QStringList parents; // created when missing
+    QString name;
 
-// Removes the visible entries of dir, leaving dir itself and its hidden
-// entries. A missing dir counts as cleared.
-bool clearDirectoryContents(const QString &dir, QString *error = nullptr);
+    QString parentPath() const;
+    QString path() const;
+};
 
-// Makes target hold exactly the visible entries of source (hidden entries of
-// target stay), creating target and its parents as needed.
-bool mirrorDirectory(const QString &source, const QString &target, QString *error = nullptr);
+const BackupLocation &defaultBackupLocation();
 
-// Replaces store's visible contents with backup's. A missing backup, or one
-// that is not a directory, is a successful no-op.
-bool restoreBackupFrom(const QString &backup, const QString &store, QString *error = nullptr);
+// Mirrors the store's visible entries into the backup (the backup's own
+// hidden entries stay). A backup path through a link or through anything
+// another user owns or may write is refused.
+core::Status saveBackupTo(const QString &store, const BackupLocation &backup);
 
-// Mirrors store into backup, after checking that every existing directory of
-// backup below trustedRoot is a real directory owned by the effective user.
-bool saveBackupTo(const QString &store, const QString &backup, const QString &trustedRoot,
-                  QString *error = nullptr);
+// Replaces the store's visible entries with the backup's (the store's hidden
+// entries stay). No backup, or a backup that is not a directory, is a
+// successful no-op; a backup path that is not ours alone is refused with
+// "untrusted backup path: <piece>".
+core::Status restoreBackupTo(const BackupLocation &backup, const QString &store);
 
-// restoreBackupFrom, after the same ownership check as saveBackupTo; a backup
-// path that fails it is refused with "untrusted backup path: <piece>".
-bool restoreTrustedBackup(const QString &backup, const QString &store, const QString &trustedRoot,
-                          QString *error = nullptr);
+// Cleans up after a save or restore that was killed, completing a swap that
+// had passed its point of no return. Run before the store or backup is used.
+void recoverInterruptedCopies(const QString &store, const BackupLocation &backup);
 
-// Mirrors the live store into the backup location.
-bool saveBackup(QString *error = nullptr);
-
-// Puts the backup back into the live store.
-bool restoreBackup(QString *error = nullptr);
+core::Status saveBackup();
+core::Status restoreBackup();
+void recoverInterruptedCopies();
 
 } // namespace kelvane::storage

@@ -1,44 +1,63 @@
 #include "storage/forgetstored.h"
 
-#include "storage/removal.h"
+#include "storage/fd.h"
 #include "storage/storelisting.h"
+#include "storage/tree.h"
 
-#include <QFileInfo>
+#include <QFile>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace kelvane::storage {
 
 namespace {
 
-// An adapter directory may be a link to somewhere else: a device directory
-// deleted through it would be deleted outside the store.
-bool resolvesInside(const QFileInfo &dir, const QString &canonicalRoot) {
-    const QString canonical = dir.canonicalFilePath();
-    return canonical == canonicalRoot || canonical.startsWith(canonicalRoot + QLatin1Char('/'));
+// Deleting inside a directory that someone else may write could be turned
+// against us; such an adapter directory is left alone.
+bool onlyOurs(int dirFd) {
+    struct stat st {};
+    return ::fstat(dirFd, &st) == 0 && st.st_uid == ::geteuid() &&
+           !(st.st_mode & (S_IWGRP | S_IWOTH));
+}
+
+QString decoded(const std::string &name) {
+    return QFile::decodeName(QByteArray::fromStdString(name));
+}
+
+bool isDirectoryAt(int dirFd, const std::string &name) {
+    struct stat st {};
+    return ::fstatat(dirFd, name.c_str(), &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
 } // namespace
 
 bool forgetStoredDevice(const QString &address, StoredDevice *removed, const QString &root) {
     const QString target = address.trimmed().toUpper().replace(QLatin1Char('-'), QLatin1Char(':'));
-    if (!QFileInfo(root).isDir())
+    const Fd store(::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!store.valid())
         return false;
-
-    const QString canonicalRoot = QFileInfo(root).canonicalFilePath();
     bool removedAny = false;
-    for (const QFileInfo &adapterDir : storeSubdirectories(root)) {
-        if (!resolvesInside(adapterDir, canonicalRoot))
+    for (const std::string &adapterName : entryNames(store.get())) {
+        if (isHidden(adapterName))
             continue;
-        for (const QFileInfo &deviceDir : storeSubdirectories(adapterDir.filePath())) {
-            const QString deviceAddress = unescapeStoreName(deviceDir.fileName());
-            if (deviceAddress.toUpper() != target)
+        // Followed when it is a link: the adapter's store still lives there.
+        const Fd adapter(
+            ::openat(store.get(), adapterName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!adapter.valid() || !onlyOurs(adapter.get()))
+            continue;
+        const QString adapterPath = childPath(root, adapterName);
+        for (const std::string &deviceName : entryNames(adapter.get())) {
+            const QString deviceAddress = unescapeStoreName(decoded(deviceName));
+            if (isHidden(deviceName) || deviceAddress.toUpper() != target ||
+                !isDirectoryAt(adapter.get(), deviceName))
                 continue;
             StoredDevice device;
-            device.adapter = unescapeStoreName(adapterDir.fileName());
+            device.adapter = unescapeStoreName(decoded(adapterName));
             device.address = deviceAddress;
-            const QString infoPath = deviceDir.filePath() + QStringLiteral("/info");
-            if (QFileInfo::exists(infoPath))
-                parseInfoFile(infoPath, device);
-            if (!removeTree(deviceDir.filePath()))
+            parseInfoFile(childPath(adapterPath, deviceName) + QStringLiteral("/info"), device);
+            // A device directory that is a link loses the link, not its target.
+            if (!removeTreeAt(adapter.get(), deviceName))
                 continue;
             if (removed)
                 *removed = device;

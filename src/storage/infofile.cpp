@@ -1,5 +1,7 @@
 #include "storage/infofile.h"
 
+#include "core/utf8.h"
+
 #include <QFile>
 
 namespace kelvane::storage {
@@ -85,7 +87,8 @@ bool parseInfoFile(const QString &path, StoredDevice &device) {
 
     QString section;
     while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+        // Decoded whole: a NUL does not end the line.
+        const QString line = core::fromUtf8(file.readLine()).trimmed();
         if (line.isEmpty() || line.startsWith(QLatin1Char('#')) ||
             line.startsWith(QLatin1Char(';')))
             continue;

@@ -368,7 +368,9 @@ PRECIOUS = {'precious': Dir(0o700), 'precious/keep': File('must survive\n', 0o60
 SAVE_FAILURES = {
     'no-store': (NO_STORE, {}, (), 'source directory does not exist: /var/lib/bluetooth'),
     'config-is-a-link': (STORE, {'config': Symlink('/tmp/precious'), **PRECIOUS}, (),
-                         'failed to create parent directory: /tmp/config'),
+                         'failed to create parent directory: /tmp/config/files'),
+    'config-is-a-file': (STORE, {'config': File('x', 0o644)}, (),
+                         'failed to create parent directory: /tmp/config/files'),
     'files-is-a-link': (STORE, {'config': Dir(0o755), 'config/files': Symlink('/tmp/precious'),
                                 **PRECIOUS}, (),
                         'failed to create parent directory: /tmp/config/files'),
@@ -376,7 +378,7 @@ SAVE_FAILURES = {
                                  BACKUP: Symlink('/tmp/precious'), **PRECIOUS}, (),
                          'failed to create directory: /tmp/config/files/var_bluetooth'),
     'config-of-another-user': (STORE, {'config': Dir(0o777, harness.NOBODY, harness.NOBODY)},
-                               (), 'failed to create parent directory: /tmp/config'),
+                               (), 'failed to create parent directory: /tmp/config/files'),
     'read-only-tmp': (STORE, {}, ('tmp',),
                       'failed to create parent directory: /tmp/config/files'),
 }
@@ -461,9 +463,9 @@ FORGETS = {
     # Links in the store never lead to changes outside it.
     'linked-device': (None, {}, LINKED_STORE, OUTSIDE, MAC, '', [AD0 + '/' + MAC]),
     'device-holding-links': (None, {}, LINKED_STORE, OUTSIDE, OTHER, '', [AD0 + '/' + OTHER]),
-    # Deleting there would delete in /tmp/outside: the store has no such device.
-    'under-linked-adapter': (None, {}, LINKED_STORE, OUTSIDE, '22:22:22:22:22:22',
-                             'device not found', []),
+    # An adapter kept elsewhere through a link is part of the store.
+    'under-linked-adapter': (None, {}, LINKED_STORE, OUTSIDE, '22:22:22:22:22:22', '',
+                             ['/tmp/outside/adapter/22:22:22:22:22:22']),
     # BlueZ removes it; the backup, made afresh, holds copies of what the links reach.
     'linked-store-via-bluez': (bluez_knows(MAC), {}, LINKED_STORE, OUTSIDE, 'aa-Bb-cc:DD:ee:ff',
                                '', []),
@@ -486,9 +488,11 @@ def test_forget_changes_only_what_it_should(run_kelvane, request, world, options
     assert (run.status, run.json, run.stderr) == (1 if error else 0, outcome(error), '')
     if sim and error.startswith('invalid'):
         assert sim.calls() == []  # the address is checked before the bus is asked
-    left = None if store is NO_STORE else {
-        p: e for p, e in expected(store).items()
-        if not any(p == g or p.startswith(g + '/') for g in gone)}
+    def without_gone(tree, prefix=''):
+        return {p: e for p, e in tree.items()
+                if not any(prefix + p == g or (prefix + p).startswith(g + '/') for g in gone)}
+    left = None if store is NO_STORE else without_gone(expected(store))
+    tmp_left = without_gone(expected(tmp), '/tmp/')
     assert run.store == left
     if error:
         assert run.tmp == expected(tmp)  # no save after a failure
@@ -496,8 +500,8 @@ def test_forget_changes_only_what_it_should(run_kelvane, request, world, options
     assert run.store.mode == 0o700
     # The store mirrored into the backup: modes kept, links resolved, hidden
     # entries left out but the backup's own kept. Outside the backup and its
-    # parents /tmp is as it was: link targets are untouched.
+    # parents /tmp is as it was, but for a device of an adapter linked there.
     own_hidden = {p: e for p, e in below(expected(tmp), BACKUP).items() if p.startswith('.')}
-    assert below(run.tmp, BACKUP) == {**as_copied(left, expected(tmp)), **own_hidden}
+    assert below(run.tmp, BACKUP) == {**as_copied(left, tmp_left), **own_hidden}
     assert run.tmp[BACKUP].mode == 0o700
-    assert outside_the_backup(run.tmp) == outside_the_backup(expected(tmp))
+    assert outside_the_backup(run.tmp) == outside_the_backup(tmp_left)

@@ -1,7 +1,12 @@
+#include "storage/atomicfile.h"
 #include "storage/backup.h"
 #include "storage/forgetstored.h"
 #include "storage/infofile.h"
+#include "storage/lock.h"
+#include "storage/replacetree.h"
 #include "storage/storelisting.h"
+#include "storage/tree.h"
+#include "storage/trustedpath.h"
 
 #include <QDirIterator>
 #include <QRegularExpression>
@@ -12,12 +17,12 @@
 #include <memory>
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace kelvane::storage;
 namespace ks = kelvane::storage;
+namespace core = kelvane::core;
 
 namespace {
 
@@ -56,6 +61,12 @@ QStringList tree(const QString &root) {
     return entries;
 }
 
+// The permission bits, as ls shows them.
+mode_t modeOf(const QString &path) {
+    struct stat st {};
+    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
 // The fields that differ from a fresh record, as "key=value|...".
 QString describe(const StoredDevice &d) {
     const auto num = [](const auto &v, int base) { return v ? QString::number(*v, base) : ""; };
@@ -70,18 +81,6 @@ QString describe(const StoredDevice &d) {
     return fields.filter(QRegularExpression("^\\w+=.")).join('|');
 }
 
-// The immutable attribute is what stops even root from deleting a file.
-bool setImmutable(const QString &path, bool on) {
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK);
-    int flags = 0;
-    bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    if (fd >= 0)
-        ::close(fd);
-    return ok;
-}
-
 } // namespace
 
 class TestStorage : public QObject {
@@ -89,6 +88,7 @@ class TestStorage : public QObject {
 
     std::unique_ptr<QTemporaryDir> m_tmp; // fresh for every test
     QString at(const QString &name) const { return m_tmp->filePath(name); }
+    BackupLocation location() const { return {at("tmp"), {"config", "files"}, "var_bluetooth"}; }
 
 private slots:
     void init() { m_tmp = std::make_unique<QTemporaryDir>(); }
@@ -172,222 +172,291 @@ private slots:
         QVERIFY(ks::listStoredDevices(at("missing")).empty());
     }
 
-    void copyAndMirror() {
-        const QString src = at("src"), dst = at("dst");
+    // A NUL does not end an info line, and a leading byte order mark is text
+    // like any other (so that line is no section header).
+    void infoLineBytes() {
+        QFile file(at("info"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("[General]\nName=a\0b\n\xEF\xBB\xBF[DeviceID]\nVendor=76\n", 42));
+        file.close();
+        StoredDevice device;
+        QVERIFY(ks::parseInfoFile(at("info"), device));
+        QCOMPARE(device.name, QString::fromUtf8("a\0b", 3));
+        QVERIFY(!device.vendor);
+    }
+
+    // Links are followed: the copy holds plain files and directories, with
+    // the source's permission bits and times. What has no finite or regular
+    // copy is left out: hidden entries, pipes, dangling links, links back up.
+    void copyVisibleEntries() {
         plant(m_tmp->path(),
               {"out/file=f", "out/dir/inner=i", "src/a=new", "src/sub/b=b", "src/.hidden=h",
-               "src/keys/linkkey=k", "src/keys/readonly=r", "src/filelink@../out/file",
-               "src/dirlink@../out/dir", "src/dangling@../nowhere", "dst/a=old", "dst/stale=s",
-               "dst/.keep=k"});
-        const QFile::Permissions secret = QFile::ReadOwner | QFile::WriteOwner;
-        const QFile::Permissions dirMode = secret | QFile::ExeOwner | QFile::ReadGroup;
-        const QFile::Permissions readOnly = QFile::ReadOwner | QFile::ReadGroup;
-        QVERIFY(QFile::setPermissions(src + "/keys/linkkey", secret));
-        QVERIFY(QFile::setPermissions(src + "/keys/readonly", readOnly));
-        QVERIFY(QFile::setPermissions(src + "/keys", dirMode));
-        // Links are followed: the copy holds plain files and directories.
-        const auto copiedAnd = [](QStringList entries) {
-            entries += QStringList{"a=new",           "dirlink", "dirlink/inner=i",
-                                   "filelink=f",      "keys",    "keys/linkkey=k",
-                                   "keys/readonly=r", "sub",     "sub/b=b"};
-            entries.sort();
-            return entries;
+               "src/keys/linkkey=k", "src/filelink@../out/file", "src/dirlink@../out/dir",
+               "src/dangling@../nowhere", "src/sub/loop@..", "src/sub/deep/up@../../sub"});
+        QVERIFY(::mkfifo(QFile::encodeName(at("src/pipe")).constData(), 0600) == 0);
+        QVERIFY(QFile::setPermissions(at("src/keys/linkkey"), QFile::ReadOwner));
+        QVERIFY(QFile::setPermissions(at("src/keys"), QFile::ReadOwner | QFile::ExeOwner));
+        QVERIFY(QDir().mkdir(at("dst")));
+        const Fd source(::open(QFile::encodeName(at("src")).constData(), O_RDONLY | O_DIRECTORY));
+        const Fd target(::open(QFile::encodeName(at("dst")).constData(), O_RDONLY | O_DIRECTORY));
+
+        QVERIFY(ks::copyVisibleEntries(source.get(), at("src"), target.get(), at("dst")));
+
+        QCOMPARE(tree(at("dst")),
+                 QStringList({"a=new", "dirlink", "dirlink/inner=i", "filelink=f", "keys",
+                              "keys/linkkey=k", "sub", "sub/b=b", "sub/deep"}));
+        QCOMPARE(modeOf(at("dst/keys/linkkey")), mode_t(0400));
+        QCOMPARE(modeOf(at("dst/keys")), mode_t(0500));
+        QCOMPARE(QFileInfo(at("dst/a")).lastModified(), QFileInfo(at("src/a")).lastModified());
+        for (const char *keys : {"src/keys", "dst/keys"}) // so that the test's directory can go
+            QVERIFY(::chmod(QFile::encodeName(at(keys)).constData(), 0700) == 0);
+    }
+
+    // Removing never follows a link, at the top or below it.
+    void removeTreeAt() {
+        plant(m_tmp->path(), {"out/file=f", "out/sub/inner=i", "dir/real/plain=p",
+                              "dir/dirlink@../out", "dir/real/nested@../../out/sub", "top@out"});
+        const Fd base(::open(QFile::encodeName(m_tmp->path()).constData(), O_RDONLY));
+        QVERIFY(ks::removeTreeAt(base.get(), "dir"));
+        QVERIFY(ks::removeTreeAt(base.get(), "top"));
+        QVERIFY(ks::removeTreeAt(base.get(), "missing"));
+        QCOMPARE(tree(m_tmp->path()),
+                 QStringList({"out", "out/file=f", "out/sub", "out/sub/inner=i"}));
+    }
+
+    // Every piece of the way down from a world-writable root must be a real
+    // directory of ours that nobody else may write; missing ones are made
+    // with exactly the asked mode, whatever the umask.
+    void trustedPieces_data() {
+        QTest::addColumn<QStringList>("planted");
+        QTest::addColumn<int>("state");
+        QTest::addColumn<QString>("at");
+        const auto row = [](const char *name, QStringList planted, PieceState state,
+                            const char *at) {
+            QTest::newRow(name) << planted << int(state) << QString(at);
         };
-        QString error;
-        QVERIFY(copyRecursively(src, dst, &error));
-        QCOMPARE(tree(dst), copiedAnd({".keep=k", "stale=s"}));
-        QVERIFY(mirrorDirectory(src, dst, &error));
-        QCOMPARE(tree(dst), copiedAnd({".keep=k"}));
-        QVERIFY(mirrorDirectory(src, at("x/y/dst"), &error));
-        QCOMPARE(tree(at("x/y/dst")), copiedAnd({}));
-        QVERIFY(error.isEmpty());
-        // Owner, group and other bits; the "user" bits only echo the caller's access.
-        const auto mode = [](const QString &p) { return QFile::permissions(p) & 0x7077; };
-        QCOMPARE(mode(dst + "/keys/linkkey"), secret);
-        QCOMPARE(mode(dst + "/keys"), dirMode);
-        // Also when the caller may write anyway (root).
-        QCOMPARE(mode(dst + "/keys/readonly"), readOnly);
+        row("created", {}, PieceState::Trusted, "a/b");
+        row("ours", {"root/a/b/x=1"}, PieceState::Trusted, "a/b");
+        row("link", {"victim/x=1", "root/a@../victim"}, PieceState::Untrusted, "a");
+        row("file", {"root/a/b=1"}, PieceState::NotDirectory, "a/b");
+        row("writable by others", {"root/a/b/", "chmod 0777 root/a"}, PieceState::Untrusted, "a");
+        row("writable by group", {"root/a/b/", "chmod 0775 root/a/b"}, PieceState::Untrusted,
+            "a/b");
+        row("sticky is no excuse below the root", {"root/a/", "chmod 01777 root/a"},
+            PieceState::Untrusted, "a");
+        row("another owner", {"root/a/", "chown root/a"}, PieceState::Untrusted, "a");
     }
-
-    void clearRemovesLinksNotTargets() {
-        const QString dir = at("dir"), out = at("out");
-        plant(m_tmp->path(),
-              {"out/file=f", "out/sub/inner=i", "dir/.hidden=h", "dir/real/plain=p",
-               "dir/dirlink@../out", "dir/filelink@../out/file", "dir/real/nested@../../out/sub"});
-        const QStringList outside = tree(out);
-        QString error;
-        QVERIFY(clearDirectoryContents(dir, &error));
-        QCOMPARE(tree(dir), QStringList{".hidden=h"});
-        QCOMPARE(tree(out), outside);
-        QVERIFY(clearDirectoryContents(at("missing"), &error));
-        QVERIFY(error.isEmpty());
-    }
-
-    // A link back up the tree fails the copy instead of recursing without end.
-    void linkCycleFails() {
-        plant(m_tmp->path(),
-              {"one/a/b/file=x", "one/a/loop@..", "two/a/b/file=x", "two/a/b/loop@../.."});
-        QString error;
-        QVERIFY(!copyRecursively(at("one"), at("copy"), &error));
-        QVERIFY2(error.startsWith("failed to copy " + at("one")), qPrintable(error));
-        QVERIFY(!mirrorDirectory(at("two"), at("mirror"), &error));
-        QVERIFY2(error.startsWith("failed to copy " + at("two")), qPrintable(error));
-    }
-
-    void primitiveErrors() {
-        const QString file = at("file"), missing = at("missing"), full = at("full");
-        plant(m_tmp->path(), {"file=x", "full/x=x"});
-        QString error;
-        QVERIFY(!copyRecursively(missing, at("t"), &error));
-        QCOMPARE(error, "source path does not exist: " + missing);
-        QVERIFY(!copyRecursively(file, full, &error));
-        QCOMPARE(error, "failed to remove existing file: " + full);
-        QVERIFY(!copyRecursively(full, file + "/sub", &error));
-        QCOMPARE(error, "failed to create directory: " + file + "/sub");
-        for (const QString &source : {missing, file}) {
-            QVERIFY(!mirrorDirectory(source, at("t"), &error));
-            QCOMPARE(error, "source directory does not exist: " + source);
+    void trustedPieces() {
+        QFETCH(QStringList, planted);
+        QFETCH(int, state);
+        QFETCH(QString, at);
+        QStringList entries;
+        for (const QString &entry : planted) {
+            const QStringList words = entry.split(' ');
+            if (words[0] == "chmod")
+                QVERIFY(::chmod(QFile::encodeName(this->at(words[2])).constData(),
+                                words[1].toUInt(nullptr, 8)) == 0);
+            else if (words[0] == "chown" && ::geteuid() != 0)
+                QSKIP("handing a directory to another owner needs root");
+            else if (words[0] == "chown")
+                QVERIFY(::chown(QFile::encodeName(this->at(words[1])).constData(), 4242, 4242) ==
+                        0);
+            else
+                plant(m_tmp->path(), {entry.endsWith('/') ? entry.chopped(1) : entry});
         }
-        QVERIFY(!mirrorDirectory(full, file + "/a/b", &error));
-        QCOMPARE(error, "failed to create parent directory: " + file + "/a");
-        QVERIFY(!QFileInfo::exists(at("t")));
-    }
-
-    void unremovableEntry() {
-        const std::pair<QString, QString> cases[] = {{"f", "failed to remove file: %1/f"},
-                                                     {"d/f", "failed to remove directory: %1/d"}};
-        for (const auto &[locked, message] : cases) {
-            QTemporaryDir tmp;
-            plant(tmp.path(), {locked + "=x"});
-            if (!setImmutable(tmp.filePath(locked), true))
-                QSKIP("no immutable attribute on this file system, and nothing else stops root");
-            QString error;
-            const bool cleared = clearDirectoryContents(tmp.path(), &error);
-            setImmutable(tmp.filePath(locked), false);
-            QVERIFY(!cleared);
-            QCOMPARE(error, message.arg(tmp.path()));
+        QVERIFY(QDir().mkpath(this->at("root")));
+        QVERIFY(::chmod(QFile::encodeName(this->at("root")).constData(), 01777) == 0);
+        const mode_t umask = ::umask(0);
+        Piece piece = openTrustedRoot(this->at("root"));
+        for (const QString &name : {QString("a"), QString("b")}) {
+            if (piece.state != PieceState::Trusted)
+                break;
+            piece = openTrustedChild(piece, name, Create::IfAbsent, 0751);
         }
+        ::umask(umask);
+        QCOMPARE(int(piece.state), state);
+        QCOMPARE(piece.path, this->at("root/") + at);
+        if (QTest::currentDataTag() == QLatin1String("created"))
+            QCOMPARE(modeOf(this->at("root/a")), mode_t(0751));
     }
 
-    void restoreBackupFrom() {
-        const QString store = at("store"), backup = at("backup"), link = at("link");
-        plant(m_tmp->path(), {"store/stale/info=s", "store/.hidden=h", "link@store", "backup=x"});
-        const QStringList before = tree(store);
-        QString error;
-        // A missing backup, or one that is not a directory, is no error.
-        QVERIFY(ks::restoreBackupFrom(at("missing"), store, &error));
-        QVERIFY(ks::restoreBackupFrom(backup, store, &error));
-        QVERIFY(error.isEmpty());
-        // Paths that lead into each other are refused before anything is cleared.
-        QVERIFY(!mirrorDirectory(store, link, &error));
-        QVERIFY(!mirrorDirectory(store, store + "/stale/inner", &error));
-        QVERIFY(!ks::restoreBackupFrom(link, store, &error));
-        QCOMPARE(error, "failed to create directory: " + store);
-        QCOMPARE(tree(store), before);
-
-        QVERIFY(QFile::remove(backup));
-        plant(backup, {"A/D/info=i"});
-        QVERIFY(ks::restoreBackupFrom(backup, store, &error));
-        QCOMPARE(tree(store), QStringList({".hidden=h", "A", "A/D", "A/D/info=i"}));
-    }
-
-    // A link planted anywhere on the backup's way below the trusted root must
-    // stop the save before anything is cleared through it.
+    // A backup path through a link is refused before anything is written
+    // through it; without the link the same save goes through, and the
+    // backup keeps its own hidden entries.
     void saveRefusesPlantedLinks_data() {
         QTest::addColumn<QString>("linked");
         QTest::addColumn<QString>("message");
-        const auto row = [](const char *linked, const char *message) {
-            QTest::newRow(linked) << QString(linked) << QString(message);
-        };
-        row("config/files/var_bluetooth",
-            "failed to create directory: %1/config/files/var_bluetooth");
-        row("config/files", "failed to create parent directory: %1/config/files");
-        row("config", "failed to create parent directory: %1/config");
+        QTest::newRow("backup") << "config/files/var_bluetooth"
+                                << "failed to create directory: %1/config/files/var_bluetooth";
+        for (const char *parent : {"config/files", "config"})
+            QTest::newRow(parent) << parent << "failed to create parent directory: %1/config/files";
     }
     void saveRefusesPlantedLinks() {
         QFETCH(QString, linked);
         QFETCH(QString, message);
-        const QString trusted = at("tmp"), backup = trusted + "/config/files/var_bluetooth";
-        plant(m_tmp->path(),
-              {"store/A/info=i", "victim/precious=p", "tmp/" + linked + '@' + at("victim")});
-        QString error;
-        QVERIFY(!saveBackupTo(at("store"), backup, trusted, &error));
-        QCOMPARE(error, message.arg(trusted));
+        const BackupLocation backup = location();
+        plant(m_tmp->path(), {"store/A/info=i", "store/.mine=m", "victim/precious=p",
+                              "tmp/" + linked + '@' + at("victim")});
+        const core::Status refused = saveBackupTo(at("store"), backup);
+        QVERIFY(!refused);
+        QCOMPARE(refused.error().message, message.arg(backup.root));
         QCOMPARE(tree(at("victim")), QStringList{"precious=p"});
-        // Without the planted link the same save goes through.
-        QVERIFY(QFile::remove(trusted + "/" + linked));
-        QVERIFY(saveBackupTo(at("store"), backup, trusted, &error));
-        QCOMPARE(tree(backup), tree(at("store")));
+        QVERIFY(QFile::remove(at("tmp/" + linked)));
+        plant(backup.path(), {".kept=k", "stale=s"});
+        QVERIFY(saveBackupTo(at("store"), backup));
+        QCOMPARE(tree(backup.path()), QStringList({".kept=k", "A", "A/info=i"}));
     }
 
-    // A restore must not copy a tree someone else planted in /tmp into the store.
-    void restoreRefusesForeignBackup() {
-        if (geteuid() != 0)
-            QSKIP("handing a directory to another owner needs root");
-        const QString trusted = at("tmp"), store = at("store");
-        const QString backup = trusted + "/config/files/var_bluetooth";
-        const QByteArray config = QFile::encodeName(trusted + "/config");
-        plant(m_tmp->path(), {"store/A/info=mine", "planted/A/info=theirs",
-                              "tmp/config/files/var_bluetooth@../../../planted"});
-        QString error;
-        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
-        QCOMPARE(error, "untrusted backup path: " + backup);
-        QCOMPARE(tree(store), QStringList({"A", "A/info=mine"}));
-        // Foreign ownership of a parent is refused the same way.
-        QVERIFY(QFile::remove(backup));
-        plant(backup, {"A/info=restored"});
-        QVERIFY(::chown(config.constData(), 4242, 4242) == 0);
-        QVERIFY(!restoreTrustedBackup(backup, store, trusted, &error));
-        QCOMPARE(error, "untrusted backup path: " + trusted + "/config");
-        QVERIFY(::chown(config.constData(), geteuid(), getegid()) == 0);
-        QVERIFY(restoreTrustedBackup(backup, store, trusted, &error));
-        QCOMPARE(tree(store), QStringList({"A", "A/info=restored"}));
+    // The restore leaves the store's hidden entries and reads nothing that is
+    // not ours alone; no backup at all, or a file in its place, changes nothing.
+    void restore_data() {
+        QTest::addColumn<QStringList>("planted");
+        QTest::addColumn<QString>("error");
+        QTest::addColumn<QStringList>("store");
+        const QStringList old{".hidden=h", "old", "old/info=o"};
+        const QStringList restored{".hidden=h", "A", "A/info=new"};
+        QTest::newRow("restored") << QStringList{"tmp/config/files/var_bluetooth/A/info=new"} << ""
+                                  << restored;
+        QTest::newRow("no backup") << QStringList{"tmp/config/files/"} << "" << old;
+        QTest::newRow("a file") << QStringList{"tmp/config/files/var_bluetooth=x"} << "" << old;
+        QTest::newRow("linked") << QStringList{"planted/A/info=theirs",
+                                               "tmp/config/files/var_bluetooth@../../../planted"}
+                                << "untrusted backup path: %1/config/files/var_bluetooth" << old;
+    }
+    void restore() {
+        QFETCH(QStringList, planted);
+        QFETCH(QString, error);
+        QFETCH(QStringList, store);
+        plant(m_tmp->path(), QStringList{"store/.hidden=h", "store/old/info=o"} + planted);
+        const core::Status restored = restoreBackupTo(location(), at("store"));
+        QCOMPARE(restored ? QString() : restored.error().message,
+                 error.isEmpty() ? error : error.arg(at("tmp")));
+        QCOMPARE(tree(at("store")), store);
     }
 
+    // What a killed run leaves behind is cleaned, and a swap that had passed
+    // its point of no return is completed: never a mix of old and new.
+    void recover_data() {
+        QTest::addColumn<QStringList>("left");
+        QTest::addColumn<QStringList>("expected");
+        const QStringList old{".hidden=h", "A", "A/info=old", "B", "B/info=old"};
+        const QStringList fresh{".hidden=h", "A", "A/info=new", "C", "C/info=new"};
+        QTest::newRow("staging beside") << QStringList{".tree.kelvane-staging/A/info=half"} << old;
+        QTest::newRow("staging inside") << QStringList{"tree/.kelvane-staging/A/info=half"} << old;
+        QTest::newRow("ready, nothing moved")
+            << QStringList{"tree/.kelvane-ready/A/info=new", "tree/.kelvane-ready/C/info=new"}
+            << fresh;
+        QTest::newRow("old half aside")
+            << QStringList{"tree/.kelvane-ready/A/info=new", "tree/.kelvane-ready/C/info=new",
+                           "tree/.kelvane-retiring/", "move tree/B tree/.kelvane-retiring/B"}
+            << fresh;
+        QTest::newRow("new half in")
+            << QStringList{"tree/.kelvane-ready/C/info=new", "tree/.kelvane-retired/",
+                           "move tree/A tree/.kelvane-retired/A",
+                           "move tree/B tree/.kelvane-retired/B", "tree/A/info=new"}
+            << fresh;
+        QTest::newRow("only the old left to delete")
+            << QStringList{"tree/.kelvane-retired/A/info=old"} << old;
+    }
+    void recover() {
+        QFETCH(QStringList, left);
+        QFETCH(QStringList, expected);
+        plant(m_tmp->path(), {"tree/.hidden=h", "tree/A/info=old", "tree/B/info=old"});
+        for (const QString &entry : left) {
+            if (entry.startsWith("move "))
+                QVERIFY(QDir().rename(at(entry.section(' ', 1, 1)), at(entry.section(' ', 2))));
+            else
+                plant(m_tmp->path(), {entry.endsWith('/') ? entry.chopped(1) : entry});
+        }
+        const Fd parent(::open(QFile::encodeName(m_tmp->path()).constData(), O_RDONLY));
+        recoverTree({parent.get(), m_tmp->path(), "tree"});
+        QCOMPARE(tree(at("tree")), expected);
+        QCOMPARE(tree(m_tmp->path()).filter("kelvane"), QStringList());
+    }
+
+    // One run at a time; a second one waits its bound, then gives up.
+    void lock() {
+        const QString path = at("lock");
+        core::Expected<StoreLock> first = lockStore(path, std::chrono::milliseconds(0));
+        QVERIFY(first);
+        const core::Expected<StoreLock> second = lockStore(path, std::chrono::milliseconds(120));
+        QVERIFY(!second);
+        QCOMPARE(second.error().message, "another kelvane run is still busy (" + path + ")");
+        first = core::failure("released");
+        QVERIFY(lockStore(path, std::chrono::milliseconds(0)));
+        QVERIFY(QFile::link(at("elsewhere"), at("link")));
+        QVERIFY(!lockStore(at("link"), std::chrono::milliseconds(0)));
+        QVERIFY(!QFileInfo::exists(at("elsewhere")));
+    }
+
+    // Whatever sits at the name is replaced, never opened or followed, and
+    // the mode is exact whatever the umask.
+    void replaceFile() {
+        plant(m_tmp->path(), {"victim=precious", "link@victim", ".events.0123=stale"});
+        QVERIFY(::mkfifo(QFile::encodeName(at("pipe")).constData(), 0600) == 0);
+        const mode_t umask = ::umask(0);
+        for (const char *name : {"link", "pipe", "new"})
+            QVERIFY(ks::replaceFile(m_tmp->path(), name, "[]\n", 0644));
+        ::umask(umask);
+        QVERIFY(!ks::replaceFile(at("victim"), "x", "[]\n", 0644));
+        removeStaleTemporaries(m_tmp->path(), "events");
+        QCOMPARE(tree(m_tmp->path()),
+                 QStringList({"link=[]\n", "new=[]\n", "pipe=[]\n", "victim=precious"}));
+        QCOMPARE(modeOf(at("new")), mode_t(0644));
+    }
+
+    // Under every adapter, links to adapters included; a device link loses
+    // the link, not its target.
     void forgetStoredDevice_data() {
         QTest::addColumn<QString>("address");
-        QTest::addColumn<QStringList>("removed");
+        QTest::addColumn<QStringList>("gone");
         QTest::addColumn<QStringList>("records"); // either may be the last one deleted
         QTest::newRow("every adapter")
             << " aa-bb-cc-dd-ee-ff "
-            << QStringList{"A1/AA:BB:CC:DD:EE:FF", R"(A2/aa\:bb\:cc\:dd\:ee\:ff)"}
+            << QStringList{"store/A1/AA:BB:CC:DD:EE:FF", R"(store/A2/aa\:bb\:cc\:dd\:ee\:ff)"}
             << QStringList{"A1 AA:BB:CC:DD:EE:FF name=One", "A2 aa:bb:cc:dd:ee:ff "};
-        QTest::newRow("link, not its target") << "cc-cc-cc-cc-cc-cc" << QStringList{"A3/CC"}
+        QTest::newRow("link, not its target") << "cc-cc-cc-cc-cc-cc" << QStringList{"store/A3/CC"}
                                               << QStringList{"A3 CC:CC:CC:CC:CC:CC name=Out"};
-        QTest::newRow("not through a linked adapter")
-            << "DD:DD:DD:DD:DD:DD" << QStringList{} << QStringList{};
+        QTest::newRow("through a linked adapter") << "DD:DD:DD:DD:DD:DD" << QStringList{"away/DD"}
+                                                  << QStringList{"A4 DD:DD:DD:DD:DD:DD name=Away"};
         QTest::newRow("prefix only") << "aa:bb:cc:dd:ee:f" << QStringList{} << QStringList{};
     }
     void forgetStoredDevice() {
         QFETCH(QString, address);
-        QFETCH(QStringList, removed);
+        QFETCH(QStringList, gone);
         QFETCH(QStringList, records);
-        const QString root = at("store");
-        plant(root, {"A1/AA:BB:CC:DD:EE:FF/info=[General]\nName=One",
-                     "A1/11:22:33:44:55:66/info=[General]\nName=Other",
-                     "A1/cache/AA:BB:CC:DD:EE:FF=c", R"(A2/aa\:bb\:cc\:dd\:ee\:ff/attributes=a)",
-                     "A3/CC:CC:CC:CC:CC:CC@../../outside", "A4@../away"});
-        plant(m_tmp->path(), {"outside/info=[General]\nName=Out",
+        plant(m_tmp->path(), {"store/A1/AA:BB:CC:DD:EE:FF/info=[General]\nName=One",
+                              "store/A1/11:22:33:44:55:66/info=[General]\nName=Other",
+                              "store/A1/cache/AA:BB:CC:DD:EE:FF=c",
+                              R"(store/A2/aa\:bb\:cc\:dd\:ee\:ff/attributes=a)",
+                              "store/A3/CC:CC:CC:CC:CC:CC@../../outside", "store/A4@../away",
+                              "outside/info=[General]\nName=Out",
                               "away/DD:DD:DD:DD:DD:DD/info=[General]\nName=Away"});
-        const QStringList outside = tree(at("outside")) + tree(at("away"));
         QStringList expected;
-        for (const QString &entry : tree(root)) {
-            if (std::none_of(removed.begin(), removed.end(),
+        for (const QString &entry : tree(m_tmp->path())) {
+            if (std::none_of(gone.begin(), gone.end(),
                              [&](const QString &dir) { return entry.startsWith(dir); }))
                 expected << entry;
         }
 
         StoredDevice record;
         record.name = "sentinel";
-        QCOMPARE(ks::forgetStoredDevice(address, &record, root), !removed.isEmpty());
-        QCOMPARE(tree(root), expected);
-        QCOMPARE(tree(at("outside")) + tree(at("away")), outside);
+        QCOMPARE(ks::forgetStoredDevice(address, &record, at("store")), !gone.isEmpty());
+        QCOMPARE(tree(m_tmp->path()), expected);
         const QString got = record.adapter + ' ' + record.address + ' ' + describe(record);
         if (records.isEmpty())
             QCOMPARE(got, QString("  name=sentinel"));
         else
             QVERIFY2(records.contains(got), qPrintable(got));
         QVERIFY(!ks::forgetStoredDevice(address, nullptr, at("missing")));
+    }
+
+    // Nothing is deleted in an adapter directory another user could write into.
+    void forgetSkipsForeignAdapters() {
+        plant(m_tmp->path(), {"store/A1/AA:BB:CC:DD:EE:FF/info=x"});
+        QVERIFY(::chmod(QFile::encodeName(at("store/A1")).constData(), 0777) == 0);
+        QVERIFY(!ks::forgetStoredDevice("AA:BB:CC:DD:EE:FF", nullptr, at("store")));
+        QVERIFY(QFileInfo::exists(at("store/A1/AA:BB:CC:DD:EE:FF/info")));
     }
 };
 
