@@ -65,3 +65,15 @@ def run_kelvane(bus, kelvane_bin):
         return harness.run_kelvane(args, binary=kelvane_bin, **options)
 
     return run
+
+
+@pytest.fixture
+def run_scenario(bus, kelvane_bin):
+    '''run_scenario(name, store=None, tmp=None, timeout=120, store_mount=False,
+    bind=(), **params) -> (report, namespace report); see nsscenarios.py'''
+
+    def run(name, **options):
+        options.setdefault('bus_address', bus.address)
+        return harness.run_scenario(name, binary=kelvane_bin, **options)
+
+    return run

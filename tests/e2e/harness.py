@@ -51,6 +51,18 @@ class Symlink:
     target: str
 
 
+@dataclass(frozen=True)
+class Hardlink:
+    target: str  # an absolute path, made before the link
+
+
+@dataclass(frozen=True)
+class Fifo:
+    mode: int = 0o644
+    uid: int = 0
+    gid: int = 0
+
+
 class _Absent:
     def __repr__(self):
         return 'NO_STORE'
@@ -78,6 +90,16 @@ class Tree(dict):
     def json(self, path):
         return json.loads(self[path].content)
 
+    def without(self, *paths):
+        '''The tree with these entries (and what is below them) left out.'''
+        return {p: e for p, e in self.items()
+                if not any(p == q or p.startswith(q + '/') for q in paths)}
+
+    def below(self, directory):
+        '''The entries below a directory, relative to it.'''
+        return {p[len(directory) + 1:]: e for p, e in self.items()
+                if p.startswith(directory + '/')}
+
 
 def _describe(tree, root_mode):
     '''Test description -> request entries. Values: File, Dir, Symlink, or
@@ -95,6 +117,11 @@ def _describe(tree, root_mode):
             entries[rel] = {'type': 'dir', 'mode': value.mode, 'uid': value.uid, 'gid': value.gid}
         elif isinstance(value, Symlink):
             entries[rel] = {'type': 'symlink', 'target': value.target}
+        elif isinstance(value, Hardlink):
+            entries[rel] = {'type': 'hardlink', 'target': value.target}
+        elif isinstance(value, Fifo):
+            entries[rel] = {'type': 'fifo', 'mode': value.mode, 'uid': value.uid,
+                            'gid': value.gid}
         else:
             raise TypeError('cannot describe %r' % (value,))
     return entries
@@ -133,6 +160,9 @@ class Run:
         self.stderr = self.stderr_bytes.decode('utf-8', 'replace')
         self.tmp = _tree(report['tmp'])
         self.store = _tree(report['store'])
+        # What was there just before the tool started (with snapshot_before).
+        self.tmp_before = _tree(report['before'].get('tmp'))
+        self.store_before = _tree(report['before'].get('store'))
         self.json = None
 
     def events(self):
@@ -152,24 +182,7 @@ def dead_bus_address():
     return 'unix:abstract=kelvane-no-bus-' + secrets.token_hex(8)
 
 
-def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
-                env=None, argv0=None, timeout=60, expect_json=True, readonly=()):
-    '''Runs `binary args...` in a private mount namespace and returns a Run.
-
-    root: run as root, else as nobody (uid/gid 65534, no groups).
-    store: description of /var/lib/bluetooth ({path: File|Dir|Symlink|text},
-        "." for the directory itself, default mode 0700), NO_STORE for none.
-    tmp: description of /tmp (default: empty, mode 1777).
-    env: extra environment (a None value removes a variable).
-    argv0: the invocation word (default: the binary's path).
-    expect_json: assert one compact JSON line on stdout, parse it and check
-        it against the published schema.
-    readonly: any of "tmp", "store": mounted read-only for the run.
-    Every run has a timeout; running out of it fails the test.'''
-    if os.geteuid() != 0:
-        import pytest  # pylint: disable=import-outside-toplevel
-        pytest.skip('the end-to-end harness needs root for its mount namespace')
-    argv = [argv0 if argv0 is not None else str(binary)] + list(args)
+def _environment(root, bus_address, env):
     environment = {
         'PATH': '/usr/sbin:/usr/bin:/sbin:/bin', 'LANG': 'C.UTF-8',
         'HOME': '/root' if root else '/nonexistent',
@@ -180,13 +193,13 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
             environment.pop(key, None)
         else:
             environment[key] = value
-    request = {
-        'binary': str(binary), 'argv': argv, 'env': environment, 'timeout': timeout,
-        'uid': None if root else NOBODY, 'gid': None if root else NOBODY,
-        'tmp': _describe(tmp, 0o1777),
-        'store': None if store is NO_STORE else _describe(store, 0o700),
-        'readonly': list(readonly),
-    }
+    return environment
+
+
+def _in_namespace(request, timeout):
+    if os.geteuid() != 0:
+        import pytest  # pylint: disable=import-outside-toplevel
+        pytest.skip('the end-to-end harness needs root for its mount namespace')
     completed = subprocess.run(
         ['unshare', '--mount', '--propagation', 'private', PYTHON, str(NSRUN)],
         input=json.dumps(request).encode(), capture_output=True, timeout=timeout + 30,
@@ -194,7 +207,49 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     if completed.returncode != 0:
         raise RuntimeError('the namespace runner failed (%d):\n%s'
                            % (completed.returncode, completed.stderr.decode(errors='replace')))
-    run = Run(argv, json.loads(completed.stdout))
+    return json.loads(completed.stdout)
+
+
+def _request(*, binary, bus_address, root, store, tmp, env, timeout, readonly, umask, tmp_size,
+             var_lib_size, store_mount, bind):
+    return {
+        'binary': str(binary), 'env': _environment(root, bus_address, env), 'timeout': timeout,
+        'uid': None if root else NOBODY, 'gid': None if root else NOBODY, 'umask': umask,
+        'tmp': _describe(tmp, 0o1777),
+        'store': None if store is NO_STORE else _describe(store, 0o700),
+        'readonly': list(readonly), 'tmp_size': tmp_size, 'var_lib_size': var_lib_size,
+        'store_mount': store_mount, 'bind': list(bind),
+    }
+
+
+def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
+                env=None, argv0=None, timeout=60, expect_json=True, readonly=(), umask=None,
+                tmp_size=None, var_lib_size=None, store_mount=False, bind=(),
+                snapshot_before=False):
+    '''Runs `binary args...` in a private mount namespace and returns a Run.
+
+    root: run as root, else as nobody (uid/gid 65534, no groups).
+    store: description of /var/lib/bluetooth ({path: File|Dir|Symlink|Hardlink|Fifo|text},
+        "." for the directory itself, default mode 0700), NO_STORE for none.
+    tmp: description of /tmp (default: empty, mode 1777).
+    env: extra environment (a None value removes a variable).
+    argv0: the invocation word (default: the binary's path).
+    expect_json: assert one compact JSON line on stdout, parse it and check
+        it against the published schema.
+    readonly: any of "tmp", "store": mounted read-only for the run.
+    umask: the tool's umask. tmp_size, var_lib_size: tmpfs sizes ("64k").
+    store_mount: /var/lib/bluetooth is a file system of its own.
+    bind: absolute directories bound onto themselves (mount points of their own).
+    snapshot_before: also take run.tmp_before and run.store_before.
+    Every run has a timeout; running out of it fails the test.'''
+    argv = [argv0 if argv0 is not None else str(binary)] + list(args)
+    request = _request(binary=binary, bus_address=bus_address, root=root, store=store, tmp=tmp,
+                       env=env, timeout=timeout, readonly=readonly, umask=umask,
+                       tmp_size=tmp_size, var_lib_size=var_lib_size, store_mount=store_mount,
+                       bind=bind)
+    request['argv'] = argv
+    request['snapshot_before'] = snapshot_before
+    run = Run(argv, _in_namespace(request, timeout))
     if run.timed_out:
         raise AssertionError('kelvane did not finish within %ss\n%r' % (timeout, run))
     if expect_json:
@@ -203,3 +258,18 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
         except AssertionError as e:
             raise AssertionError('%s\n%r' % (e, run)) from None
     return run
+
+
+def run_scenario(name, *, binary, bus_address=None, store=None, tmp=None, timeout=120,
+                 store_mount=False, bind=(), snapshot=False, **params):
+    '''Plays nsscenarios.<name>(tool, **params) in a private mount namespace
+    set up as for run_kelvane; returns its report and, with snapshot, the
+    trees left behind as (tmp, store).'''
+    request = _request(binary=binary, bus_address=bus_address, root=True, store=store, tmp=tmp,
+                       env=None, timeout=timeout, readonly=(), umask=None, tmp_size=None,
+                       var_lib_size=None, store_mount=store_mount, bind=bind)
+    request['scenario'] = {'name': name, 'params': params}
+    request['snapshot'] = snapshot
+    report = _in_namespace(request, timeout * 4)
+    trees = (_tree(report['tmp']), _tree(report['store'])) if snapshot else None
+    return report['scenario'], trees

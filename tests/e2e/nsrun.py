@@ -46,12 +46,16 @@ def umount(target):
         raise OSError(err, 'umount %s: %s' % (target, os.strerror(err)))
 
 
-def overlay_var_lib():
+def tmpfs_options(mode, size):
+    return 'mode=%s' % mode + (',size=%s' % size if size else '')
+
+
+def overlay_var_lib(size=None):
     '''A tmpfs over /var/lib that still shows everything of the host's
     /var/lib except bluetooth, each entry bound back from a staging bind.'''
     os.mkdir(STAGING)
     mount('/var/lib', STAGING, flags=MS_BIND)
-    mount('kelvane-var-lib', '/var/lib', 'tmpfs', data='mode=0755')
+    mount('kelvane-var-lib', '/var/lib', 'tmpfs', data=tmpfs_options('0755', size))
     for entry in os.scandir(STAGING):
         if entry.name == 'bluetooth':
             continue
@@ -85,7 +89,8 @@ def populate(root, entries):
     target, mode, uid, gid}. Modes are applied last, deepest first.'''
     modes = []
     def depth(item):
-        return (item[0] != '.', item[0].count('/'))
+        # Hard links last: what they link to must exist first.
+        return (item[1]['type'] == 'hardlink', item[0] != '.', item[0].count('/'))
 
     for rel, entry in sorted(entries.items(), key=depth):
         path = root if rel == '.' else os.path.join(root, rel)
@@ -96,6 +101,11 @@ def populate(root, entries):
         elif kind == 'symlink':
             os.symlink(entry['target'], path)
             continue
+        elif kind == 'hardlink':
+            os.link(entry['target'], path)
+            continue
+        elif kind == 'fifo':
+            os.mkfifo(path)
         else:
             with open(path, 'wb') as out:
                 out.write(base64.b64decode(entry['content']))
@@ -130,55 +140,87 @@ def snapshot(root):
     return {'mode': stat.S_IMODE(info.st_mode), 'entries': tree}
 
 
-def run_tool(request, binary):
-    uid, gid = request.get('uid'), request.get('gid')
-
-    def drop_privileges():
+def start_tool(argv, binary, env, uid=None, gid=None, umask=None):
+    '''Starts the tool (or any program) as uid/gid, with no groups, or as root.'''
+    def prepare():
         # What `setpriv --reuid --regid --clear-groups` does, done here so
         # argv[0] can be any word.
+        if umask is not None:
+            os.umask(umask)
         if uid is not None:
             os.setgroups([])
             os.setresgid(gid, gid, gid)
             os.setresuid(uid, uid, uid)
 
-    started = time.monotonic()
     process = subprocess.Popen(
-        request['argv'], executable=binary, env=request['env'], cwd='/',
+        argv, executable=binary, env=env, cwd='/',
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-        preexec_fn=drop_privileges, start_new_session=True)
+        preexec_fn=prepare, start_new_session=True)
+    process.started = time.monotonic()
+    return process
+
+
+def finish_tool(process, timeout):
+    '''Waits for a process of start_tool; its report.'''
     timed_out = False
     try:
-        stdout, stderr = process.communicate(timeout=request['timeout'])
+        stdout, stderr = process.communicate(timeout=timeout)
     except subprocess.TimeoutExpired:
         timed_out = True
         os.killpg(process.pid, signal.SIGKILL)
         stdout, stderr = process.communicate()
     return {
         'status': process.returncode, 'timed_out': timed_out,
-        'seconds': round(time.monotonic() - started, 3),
+        'seconds': round(time.monotonic() - process.started, 3),
         'stdout': base64.b64encode(stdout).decode(), 'stderr': base64.b64encode(stderr).decode(),
     }
+
+
+def run_tool(request, binary):
+    process = start_tool(request['argv'], binary, request['env'], request.get('uid'),
+                         request.get('gid'), request.get('umask'))
+    return finish_tool(process, request['timeout'])
 
 
 def main():
     request = json.load(sys.stdin)
     binary = request['binary']
     binary_fd = os.open(binary, os.O_RDONLY)
-    mount('kelvane-tmp', '/tmp', 'tmpfs', data='mode=1777')
-    overlay_var_lib()
+    mount('kelvane-tmp', '/tmp', 'tmpfs', data=tmpfs_options('1777', request.get('tmp_size')))
+    # The tool's lock file lives in /run: a private one per run.
+    mount('kelvane-run', '/run', 'tmpfs', data='mode=0755')
+    overlay_var_lib(request.get('var_lib_size'))
     if os.path.realpath(binary).startswith(('/tmp/', '/var/lib/')):
         binary = stage_binary(binary_fd, os.path.basename(binary))
     os.close(binary_fd)
+    if request.get('store_mount'):
+        # The store as a file system of its own, as on hosts that keep it on
+        # persistent storage: it cannot be renamed as a whole.
+        os.mkdir(STORE)
+        mount('kelvane-store', STORE, 'tmpfs', data='mode=0700')
     populate('/tmp', request['tmp'])
     if request['store'] is not None:
         populate(STORE, request['store'])
+    for target in request.get('bind', []):
+        # A directory of /tmp bound onto itself is a mount point of its own.
+        mount(target, target, flags=MS_BIND)
     for where in request.get('readonly', []):
         path = {'tmp': '/tmp', 'store': STORE}[where]
         mount(path, path, flags=MS_BIND)
         mount(None, path, flags=MS_REMOUNT | MS_BIND | MS_RDONLY)
-    report = run_tool(request, binary)
-    report['tmp'] = snapshot('/tmp')
-    report['store'] = snapshot(STORE)
+    before = {'tmp': snapshot('/tmp'), 'store': snapshot(STORE)} \
+        if request.get('snapshot_before') else {}
+    if request.get('scenario'):
+        import nsscenarios  # pylint: disable=import-outside-toplevel
+        scenario = request['scenario']
+        report = {'scenario': getattr(nsscenarios, scenario['name'])(
+            nsscenarios.Tool(binary, request['env'], request['timeout']), **scenario['params'])}
+    else:
+        report = run_tool(request, binary)
+    if not request.get('scenario') or request.get('snapshot'):
+        report['tmp'] = snapshot('/tmp')
+        report['store'] = snapshot(STORE)
+    report['before'] = before
     json.dump(report, sys.stdout)
 
 
