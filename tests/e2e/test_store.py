@@ -454,6 +454,12 @@ FORGETS = {
                          ' aa-bb-cc-dd-ee-ff ', '', GONE),
     'invalid': (bluez_knows(MAC), {}, STORE, STALE_TMP, 'AA:BB:CC:DD:EE',
                 'invalid Bluetooth address: AA:BB:CC:DD:EE', []),
+    # The address is read once: padded, BlueZ removes it like any other; a
+    # word that is no address deletes nothing, not even a directory so named.
+    'padded-through-bluez': (bluez_knows(MAC), {}, STORE, STALE_TMP, ' aa:bb:cc:dd:ee:ff\t', '',
+                             []),
+    'not-an-address': (None, {}, STORE, STALE_TMP, 'cache', 'invalid Bluetooth address: cache',
+                       []),
     'unknown': (bluez_knows(MAC), {}, STORE, STALE_TMP, '12-34-56-78-9a-bc', 'device not found',
                 []),
     # BlueZ's own error when it refuses and the store lacks the device.
@@ -488,6 +494,8 @@ def test_forget_changes_only_what_it_should(run_kelvane, request, world, options
     assert (run.status, run.json, run.stderr) == (1 if error else 0, outcome(error), '')
     if sim and error.startswith('invalid'):
         assert sim.calls() == []  # the address is checked before the bus is asked
+    if sim and not gone and not error:
+        assert [c.args for c in sim.calls(method='RemoveDevice')] == [[dev_path('hci0', MAC)]]
     def without_gone(tree, prefix=''):
         return {p: e for p, e in tree.items()
                 if not any(prefix + p == g or (prefix + p).startswith(g + '/') for g in gone)}
