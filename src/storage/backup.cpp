@@ -110,13 +110,15 @@ core::Status saveBackupTo(const QString &store, const BackupLocation &backup) {
     if (parent.state != PieceState::Trusted)
         return core::failure(
             QStringLiteral("failed to create parent directory: %1").arg(backup.parentPath()));
-    const PieceState target = openTrustedChild(parent, backup.name).state;
-    if (target != PieceState::Trusted && target != PieceState::Absent)
+    const TreeLocation where{parent.fd.get(), parent.path, fileName(backup.name)};
+    const Piece target = openTrustedChild(parent, backup.name);
+    if (target.state == PieceState::Trusted && isCurrentCopy(source.get(), target.fd.get()))
+        return {}; // nothing changed since the last save
+    if (target.state != PieceState::Trusted && target.state != PieceState::Absent)
         return createFailed(backup.path());
-    return replaceTree({parent.fd.get(), parent.path, fileName(backup.name)}, st.st_mode & 0777,
-                       [&](int staging) {
-                           return copyVisibleEntries(source.get(), store, staging, backup.path());
-                       });
+    return replaceTree(where, st.st_mode & 0777, [&](int staging, int reuse) {
+        return copyVisibleEntries(source.get(), store, staging, backup.path(), reuse);
+    });
 }
 
 core::Status restoreBackupTo(const BackupLocation &backup, const QString &store) {
@@ -140,12 +142,15 @@ core::Status restoreBackupTo(const BackupLocation &backup, const QString &store)
     if (!location)
         return core::failure(QStringLiteral("failed to create parent directory: %1")
                                  .arg(QFileInfo(store).absolutePath()));
+    const TreeLocation where{location->parent.get(), location->parentPath, location->name};
+    if (const Fd current = openDirectoryAt(where.parentFd, where.name);
+        current.valid() && isCurrentCopy(piece.fd.get(), current.get()))
+        return {}; // the store already is the backup
     if (const std::optional<core::Error> readOnly = readOnlyStore(*location, store))
         return *readOnly;
-    return replaceTree({location->parent.get(), location->parentPath, location->name},
-                       st.st_mode & 0777, [&](int staging) {
-                           return copyVisibleEntries(piece.fd.get(), backup.path(), staging, store);
-                       });
+    return replaceTree(where, st.st_mode & 0777, [&](int staging, int reuse) {
+        return copyVisibleEntries(piece.fd.get(), backup.path(), staging, store, reuse);
+    });
 }
 
 void recoverInterruptedCopies(const QString &store, const BackupLocation &backup) {

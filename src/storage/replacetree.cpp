@@ -88,9 +88,9 @@ void recoverInside(int treeFd) {
     removeTreeAt(treeFd, retired);
 }
 
-core::Status fillAndSync(int stagingFd, mode_t rootMode, const TreeFiller &fill,
+core::Status fillAndSync(int stagingFd, int reuseFd, mode_t rootMode, const TreeFiller &fill,
                          const QString &path) {
-    if (const core::Status filled = fill(stagingFd); !filled)
+    if (const core::Status filled = fill(stagingFd, reuseFd); !filled)
         return filled;
     // One sync of the finished tree stands for a sync of every file in it.
     if (::fchmod(stagingFd, rootMode) != 0 || ::syncfs(stagingFd) != 0)
@@ -103,7 +103,7 @@ core::Status replaceInside(int treeFd, mode_t rootMode, const TreeFiller &fill,
     Fd built = makeDirectoryAt(treeFd, staging, 0700);
     if (!built.valid())
         return createFailed(path);
-    core::Status status = fillAndSync(built.get(), rootMode, fill, path);
+    core::Status status = fillAndSync(built.get(), treeFd, rootMode, fill, path);
     if (status && ::renameat(treeFd, staging.c_str(), treeFd, ready.c_str()) != 0)
         status = createFailed(path);
     if (!status) {
@@ -138,14 +138,12 @@ core::Status replaceTree(const TreeLocation &where, mode_t rootMode, const TreeF
     Fd built = makeDirectoryAt(parent, beside, 0700);
     if (!built.valid())
         return createFailed(path);
-    core::Status status = fillAndSync(
-        built.get(), rootMode,
-        [&](int stagingFd) {
-            if (const core::Status filled = fill(stagingFd); !filled)
-                return filled;
-            return old.valid() ? cloneHiddenEntries(old.get(), stagingFd, path) : core::Status();
-        },
-        path);
+    const TreeFiller fillAndCarryHidden = [&](int stagingFd, int reuseFd) {
+        if (const core::Status filled = fill(stagingFd, reuseFd); !filled)
+            return filled;
+        return old.valid() ? cloneHiddenEntries(old.get(), stagingFd, path) : core::Status();
+    };
+    core::Status status = fillAndSync(built.get(), old.get(), rootMode, fillAndCarryHidden, path);
     if (!status) {
         removeTreeAt(parent, beside);
         return status;

@@ -23,8 +23,9 @@ struct TreeLocation {
     QString path() const;
 };
 
-// Fills the empty directory it is given with the new visible entries.
-using TreeFiller = std::function<core::Status(int stagingFd)>;
+// Fills the empty directory stagingFd with the new visible entries; reuseFd
+// is the old tree (or -1), on the same file system, to take unchanged files from.
+using TreeFiller = std::function<core::Status(int stagingFd, int reuseFd)>;
 
 // Builds the new tree with `fill` beside the old one, syncs it and swaps it
 // in; the old tree's hidden entries are carried over and the root gets

@@ -57,6 +57,22 @@ bool copyData(int in, int out) {
     }
 }
 
+// What a copy preserves, and so what tells an unchanged copy.
+bool sameCopy(const struct stat &source, const struct stat &copy) {
+    return S_ISREG(copy.st_mode) && copy.st_size == source.st_size &&
+           copy.st_mtim.tv_sec == source.st_mtim.tv_sec &&
+           copy.st_mtim.tv_nsec == source.st_mtim.tv_nsec &&
+           (copy.st_mode & 07777) == (source.st_mode & 0777) && copy.st_uid == ::geteuid();
+}
+
+bool linkUnchanged(int reuseDir, const std::string &name, const struct stat &source,
+                   int targetDir) {
+    struct stat earlier {};
+    return reuseDir >= 0 && ::fstatat(reuseDir, name.c_str(), &earlier, AT_SYMLINK_NOFOLLOW) == 0 &&
+           sameCopy(source, earlier) &&
+           ::linkat(reuseDir, name.c_str(), targetDir, name.c_str(), 0) == 0;
+}
+
 core::Status copyFile(int sourceDir, const std::string &name, int targetDir, const QString &from,
                       const QString &to) {
     // O_NONBLOCK: should the entry have become a pipe meanwhile, opening it must not hang.
@@ -78,7 +94,7 @@ core::Status copyFile(int sourceDir, const std::string &name, int targetDir, con
 }
 
 core::Status copyEntries(int sourceFd, const QString &sourcePath, int targetFd,
-                         const QString &targetPath, Ancestors &ancestors) {
+                         const QString &targetPath, int reuseFd, Ancestors &ancestors) {
     for (const std::string &name : entryNames(sourceFd)) {
         if (isHidden(name))
             continue;
@@ -88,6 +104,8 @@ core::Status copyEntries(int sourceFd, const QString &sourcePath, int targetFd,
         const QString from = childPath(sourcePath, name);
         const QString to = childPath(targetPath, name);
         if (S_ISREG(st.st_mode)) {
+            if (linkUnchanged(reuseFd, name, st, targetFd))
+                continue;
             if (const core::Status copied = copyFile(sourceFd, name, targetFd, from, to); !copied)
                 return copied;
             continue;
@@ -102,8 +120,10 @@ core::Status copyEntries(int sourceFd, const QString &sourcePath, int targetFd,
         Fd made = makeDirectoryAt(targetFd, name, 0700);
         if (!made.valid())
             return createFailed(to);
+        const Fd reuse = reuseFd >= 0 ? openDirectoryAt(reuseFd, name) : Fd();
         ancestors.push_back(id);
-        const core::Status copied = copyEntries(source.get(), from, made.get(), to, ancestors);
+        const core::Status copied =
+            copyEntries(source.get(), from, made.get(), to, reuse.get(), ancestors);
         ancestors.pop_back();
         if (!copied)
             return copied;
@@ -112,6 +132,47 @@ core::Status copyEntries(int sourceFd, const QString &sourcePath, int targetFd,
             return createFailed(to);
     }
     return {};
+}
+
+// Walks source as copyEntries would and compares with what copy holds.
+bool sameEntries(int sourceFd, int copyFd, Ancestors &ancestors) {
+    std::vector<std::string> copied;
+    for (const std::string &name : entryNames(copyFd)) {
+        if (!isHidden(name))
+            copied.push_back(name);
+    }
+    size_t matched = 0;
+    for (const std::string &name : entryNames(sourceFd)) {
+        struct stat st {
+        }, copy{};
+        if (isHidden(name) || ::fstatat(sourceFd, name.c_str(), &st, 0) != 0)
+            continue;
+        const DirectoryId id{st.st_dev, st.st_ino};
+        if (!S_ISREG(st.st_mode) &&
+            (!S_ISDIR(st.st_mode) ||
+             std::find(ancestors.begin(), ancestors.end(), id) != ancestors.end()))
+            continue; // never copied
+        if (::fstatat(copyFd, name.c_str(), &copy, AT_SYMLINK_NOFOLLOW) != 0)
+            return false;
+        ++matched;
+        if (S_ISREG(st.st_mode)) {
+            if (!sameCopy(st, copy))
+                return false;
+            continue;
+        }
+        if (!S_ISDIR(copy.st_mode) || (copy.st_mode & 07777) != (st.st_mode & 0777))
+            return false;
+        const Fd source(::openat(sourceFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const Fd inCopy = openDirectoryAt(copyFd, name);
+        if (!source.valid() || !inCopy.valid())
+            return false;
+        ancestors.push_back(id);
+        const bool same = sameEntries(source.get(), inCopy.get(), ancestors);
+        ancestors.pop_back();
+        if (!same)
+            return false;
+    }
+    return matched == copied.size();
 }
 
 core::Status cloneEntry(int sourceFd, const std::string &name, int targetFd,
@@ -203,12 +264,22 @@ bool removeTreeAt(int dirFd, const std::string &name) {
 }
 
 core::Status copyVisibleEntries(int sourceFd, const QString &sourcePath, int targetFd,
-                                const QString &targetPath) {
+                                const QString &targetPath, int reuseFd) {
     struct stat st {};
     if (::fstat(sourceFd, &st) != 0)
         return copyFailed(sourcePath, targetPath);
     Ancestors ancestors{{st.st_dev, st.st_ino}};
-    return copyEntries(sourceFd, sourcePath, targetFd, targetPath, ancestors);
+    return copyEntries(sourceFd, sourcePath, targetFd, targetPath, reuseFd, ancestors);
+}
+
+bool isCurrentCopy(int sourceFd, int copyFd) {
+    struct stat source {
+    }, copy{};
+    if (::fstat(sourceFd, &source) != 0 || ::fstat(copyFd, &copy) != 0 ||
+        (copy.st_mode & 07777) != (source.st_mode & 0777))
+        return false;
+    Ancestors ancestors{{source.st_dev, source.st_ino}};
+    return sameEntries(sourceFd, copyFd, ancestors);
 }
 
 core::Status cloneHiddenEntries(int sourceFd, int targetFd, const QString &targetPath) {

@@ -39,8 +39,17 @@ bool removeTreeAt(int dirFd, const std::string &name);
 // permission bits and times. Hidden entries, sockets, pipes, device nodes,
 // dangling links and links back up the tree (which have no finite copy) are
 // left out. The paths name source and target in messages.
+//
+// With reuseFd, a directory on target's file system that holds an earlier
+// copy, a file found there unchanged (same size, time and mode, ours) is
+// linked instead of copied: its data is neither read, written nor synced
+// again, and removing the earlier copy later frees nothing.
 core::Status copyVisibleEntries(int sourceFd, const QString &sourcePath, int targetFd,
-                                const QString &targetPath);
+                                const QString &targetPath, int reuseFd = -1);
+
+// Whether copyVisibleEntries(source) would produce exactly the visible
+// entries of copy (hidden entries of copy do not count).
+bool isCurrentCopy(int sourceFd, int copyFd);
 
 // Carries the hidden entries of source over into target as they are: other
 // entries by hard link (links stay links), directories recreated with their

@@ -307,6 +307,31 @@ private slots:
         QCOMPARE(tree(backup.path()), QStringList({".kept=k", "A", "A/info=i"}));
     }
 
+    // An unchanged store is not copied again; after a change only what
+    // changed is, the rest is linked from the previous copy.
+    void saveCopiesOnlyChanges() {
+        const BackupLocation backup = location();
+        plant(m_tmp->path(), {"store/A/one=1", "store/A/two=2", "store/B/three=3", "tmp/"});
+        const auto inode = [&](const QString &p) {
+            struct stat st {};
+            return ::lstat(QFile::encodeName(backup.path() + '/' + p).constData(), &st) == 0
+                       ? st.st_ino
+                       : 0;
+        };
+        QVERIFY(saveBackupTo(at("store"), backup));
+        const ino_t root = inode("."), one = inode("A/one"), two = inode("A/two");
+        QVERIFY(saveBackupTo(at("store"), backup));
+        QCOMPARE(inode("."), root);
+        QCOMPARE(inode("A/one"), one);
+
+        plant(at("store"), {"A/two=changed", "C/four=4"});
+        QVERIFY(saveBackupTo(at("store"), backup));
+        QVERIFY(inode(".") != root);
+        QCOMPARE(inode("A/one"), one);
+        QVERIFY(inode("A/two") != two);
+        QCOMPARE(tree(backup.path()), tree(at("store")));
+    }
+
     // The restore leaves the store's hidden entries and reads nothing that is
     // not ours alone; no backup at all, or a file in its place, changes nothing.
     void restore_data() {
