@@ -48,12 +48,12 @@ CONTROL_IFACES = (SIM_IFACE, MOCK_IFACE)
 
 CAPABILITIES = ('DisplayOnly', 'DisplayYesNo', 'KeyboardOnly', 'NoInputNoOutput',
                 'KeyboardDisplay')
+# The writable properties and the D-Bus type bluetoothd declares for each.
 WRITABLE = {
-    ADAPTER_IFACE: ('Alias', 'Powered', 'Discoverable', 'Pairable', 'DiscoverableTimeout',
-                    'PairableTimeout'),
-    DEVICE_IFACE: ('Alias', 'Trusted', 'Blocked', 'WakeAllowed'),
+    ADAPTER_IFACE: {'Alias': 's', 'Powered': 'b', 'Discoverable': 'b', 'Pairable': 'b',
+                    'DiscoverableTimeout': 'u', 'PairableTimeout': 'u'},
+    DEVICE_IFACE: {'Alias': 's', 'Trusted': 'b', 'Blocked': 'b', 'WakeAllowed': 'b'},
 }
-BOOLEAN_PROPERTIES = ('Powered', 'Discoverable', 'Pairable', 'Trusted', 'Blocked', 'WakeAllowed')
 FILTER_KEYS = ('UUIDs', 'RSSI', 'Pathloss', 'Transport', 'DuplicateData', 'Discoverable',
                'Pattern')
 
@@ -378,6 +378,7 @@ class Simulator:
             'Discovering': dbus.Boolean(False),
             'UUIDs': dbus.Array([], signature='s'),
             'Modalias': dbus.String('usb:v1D6Bp0246d0540'),
+            'Roles': dbus.Array(['central', 'peripheral'], signature='s'),
         }
         adapter = AdapterState(path)
         adapter.props[ADAPTER_IFACE] = {k: v for k, v in defaults.items() if k not in omit}
@@ -520,13 +521,19 @@ class Simulator:
         return props[name]
 
     def set(self, path, interface, name, value):
-        self.get(path, interface, name)
-        if name not in WRITABLE.get(interface, ()):
+        # bluetoothd's property layer checks in this order: known, writable,
+        # then the value's type against the declared one.
+        if name not in self.get_all(path, interface):
+            raise dbus_error('org.freedesktop.DBus.Error.UnknownProperty',
+                             "No such property '%s'" % name)
+        declared = WRITABLE.get(interface, {}).get(name)
+        if declared is None:
             raise dbus_error('org.freedesktop.DBus.Error.PropertyReadOnly',
                              "Property '%s' is not writable" % name)
         value = plain(value)
-        if name in BOOLEAN_PROPERTIES and not isinstance(value, dbus.Boolean):
-            raise bluez_error('InvalidArguments', 'Invalid arguments in method call')
+        if signature_of(value) != declared:
+            raise dbus_error('org.freedesktop.DBus.Error.InvalidSignature',
+                             "Invalid signature for '%s'" % name)
         self.update_props(path, interface, {name: value})
         adapter = self.adapters.get(path)
         if adapter is not None and name == 'Powered' and not value:
@@ -545,8 +552,17 @@ class Simulator:
         elif not running and adapter.since is not None:
             adapter.discovered = adapter.clock()
             adapter.since = None
+            self.forget_signal_strengths(adapter)
         if bool(adapter.props[ADAPTER_IFACE].get('Discovering', False)) != running:
             self.update_props(adapter.path, ADAPTER_IFACE, {'Discovering': dbus.Boolean(running)})
+
+    def forget_signal_strengths(self, adapter):
+        '''bluetoothd drops RSSI and TxPower of the adapter's devices when
+        its discovery ends: they describe a discovery, not the device.'''
+        for device in self.devices.values():
+            stale = [name for name in ('RSSI', 'TxPower') if name in device.props[DEVICE_IFACE]]
+            if device.adapter == adapter.path and stale:
+                self.update_props(device.path, DEVICE_IFACE, {}, stale)
 
     def set_discovery_filter(self, path, sender, discovery_filter):
         adapter = self.adapters[path]
@@ -629,7 +645,7 @@ class Simulator:
             fail(bluez_error('InProgress', 'In Progress'))
             return
         if props.get('Paired', False):
-            fail(bluez_error('AlreadyExists', 'Already Paired'))
+            fail(bluez_error('AlreadyExists', 'Already Exists'))
             return
         config = device.pairing
         steps = list(config.get('steps', []))
@@ -661,9 +677,9 @@ class Simulator:
                 return dbus_error(config['reject_error']['name'], config['reject_error']['message'])
             if name in ('org.freedesktop.DBus.Error.NoReply', 'org.freedesktop.DBus.Error.Timeout'):
                 return bluez_error('AuthenticationTimeout', 'Authentication Timeout')
-            if name.startswith('org.freedesktop.DBus.Error.'):
-                return bluez_error('AuthenticationFailed', 'Authentication Failed')
-            return dbus_error(name, exc.get_dbus_message() or '')
+            # bluetoothd turns any refusal into a negative reply to the
+            # controller; the agent's own error never reaches the Pair caller.
+            return bluez_error('AuthenticationFailed', 'Authentication Failed')
 
         def run(index):
             if index == len(steps):
@@ -706,7 +722,9 @@ class Simulator:
     def connect(self, path):
         props = self.devices[path].props[DEVICE_IFACE]
         if props.get('Connected', False):
-            raise bluez_error('AlreadyConnected', 'Already Connected')
+            # bluetoothd 5.66 has no "already connected" answer: with every
+            # profile up there is nothing left to connect.
+            raise bluez_error('NotAvailable', 'br-connection-profile-unavailable')
         self.update_props(path, DEVICE_IFACE, {'Connected': dbus.Boolean(True)})
 
     def disconnect(self, path):

@@ -1,0 +1,84 @@
+#!/bin/sh
+# Boots Debian's kernel under QEMU with software emulation (no KVM needed):
+# the host's /usr and /etc read-only, the kernel's modules, and WORK/share
+# writable. The guest runs guest.py against a real bluetoothd with two btvirt
+# controllers and leaves its results in WORK/share.
+#
+# usage: vm.sh WORK KELVANE_BINARY
+# env:   KELVANE_VM_KERNEL_DIR (default /var/cache/kelvane/vm-kernel, filled by
+#        scripts/install-deps.sh --realbluez), KELVANE_VM_TIMEOUT (seconds the
+#        guest may run, default 240)
+# exit:  the guest's status (0 passed its steps, 75 the controllers did not
+#        come up, others failed), 124 when the VM had to be killed, 70 when it
+#        left no status.
+set -eu
+here=$(cd "$(dirname "$0")" && pwd)
+work=$1
+binary=$2
+kernel_dir=${KELVANE_VM_KERNEL_DIR:-/var/cache/kelvane/vm-kernel}
+guest_timeout=${KELVANE_VM_TIMEOUT:-240}
+
+# Nothing of an earlier boot may be mistaken for this one's results.
+rm -rf "$work/share"
+for need in "$kernel_dir/vmlinuz" /bin/busybox /usr/bin/btvirt /usr/libexec/bluetooth/bluetoothd \
+    "$(command -v qemu-system-x86_64)" "$(command -v cpio)" "$(command -v modinfo)"; do
+    if [ ! -e "$need" ]; then
+        echo "vm.sh: the VM lacks ${need:-a program}; run: sh scripts/install-deps.sh --realbluez" >&2
+        exit 69
+    fi
+done
+version=$(ls "$kernel_dir/lib/modules")
+
+build_initramfs() {
+    tree=$work/initramfs
+    rm -rf "$tree"
+    mkdir -p "$tree/bin" "$tree/lib/modules" "$tree/proc" "$tree/sys" "$tree/dev" "$tree/newroot"
+    cp /bin/busybox "$tree/bin/busybox"
+    loaded=""
+    for m in virtio_pci 9pnet_virtio 9p; do add_module "$m"; done
+    cp "$here/init" "$tree/init"
+    chmod 755 "$tree/init"
+    (cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
+}
+
+# Depth first, so that every module's dependencies are inserted before it.
+add_module() {
+    file=$(modinfo -b "$kernel_dir" -k "$version" -F filename "$1")
+    case $file in "(builtin)" | "") return ;; esac
+    for dep in $(modinfo -b "$kernel_dir" -k "$version" -F depends "$1" | tr , ' '); do
+        add_module "$dep"
+    done
+    case " $loaded " in *" $1 "*) return ;; esac
+    loaded="$loaded $1"
+    file=$(modinfo -b "$kernel_dir" -k "$version" -F filename "$1")
+    cp "$file" "$tree/lib/modules/"
+    basename "$file" >> "$tree/lib/modules/order"
+}
+
+mkdir -p "$work/share"
+cp "$here/guest.py" "$work/share/"
+cp "$binary" "$work/share/kelvane"
+echo "$guest_timeout" > "$work/share/guest-timeout"
+build_initramfs
+
+ro=security_model=none,readonly=on
+status=0
+timeout -k 5 $((guest_timeout + 60)) qemu-system-x86_64 \
+    -accel tcg -cpu qemu64 -m 1024 -smp "${KELVANE_VM_CPUS:-1}" \
+    -nographic -no-reboot -monitor none -serial stdio -nic none \
+    -kernel "$kernel_dir/vmlinuz" -initrd "$work/initrd.gz" \
+    -append 'console=ttyS0 panic=-1 quiet loglevel=4' \
+    -virtfs local,path=/usr,mount_tag=usr,$ro \
+    -virtfs local,path=/etc,mount_tag=etc,$ro \
+    -virtfs local,path="$kernel_dir",mount_tag=kernel,$ro \
+    -virtfs local,path="$work/share",mount_tag=share,security_model=none \
+    < /dev/null > "$work/console.log" 2>&1 || status=$?
+if [ "$status" -eq 124 ] || [ "$status" -eq 137 ]; then
+    echo "vm.sh: the VM did not power off in time (see $work/console.log)" >&2
+    exit 124
+fi
+if [ ! -f "$work/share/status" ]; then
+    echo "vm.sh: the guest left no status (qemu exit $status; see $work/console.log)" >&2
+    exit 70
+fi
+exit "$(cat "$work/share/status")"
