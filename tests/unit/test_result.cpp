@@ -110,15 +110,16 @@ private slots:
         QCOMPARE(deviceToJson(d).value("label").toString(), QString(" "));
     }
 
-    // The widest values of each field, written as plain integers.
+    // The widest values of each field, written as plain integers; an appearance
+    // without a name is described as "", not null.
     void integersWithoutFraction() {
         DeviceInfo d;
         d.classOfDevice = 4294967295u;
         d.rssi = -32768;
         d.appearance = 65535;
         const QByteArray json = documentWith(d);
-        for (const char *member :
-             {"\"class_of_device\":4294967295,", "\"rssi\":-32768,", "\"appearance\":65535,"})
+        for (const char *member : {"\"class_of_device\":4294967295,", "\"rssi\":-32768,",
+                                   "\"appearance\":65535,", "\"appearance_description\":\"\","})
             QVERIFY2(json.contains(member), json);
     }
 
