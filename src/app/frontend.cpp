@@ -1,17 +1,9 @@
 #include "app/frontend.h"
 
 #include "app/commandline.h"
-#include "bluez/adapters.h"
 #include "core/trace.h"
-#include "operations/forget.h"
-#include "operations/knowndevices.h"
-#include "operations/scan.h"
-#include "pairing/pair.h"
 #include "result/json.h"
-#include "core/utf8.h"
 #include "storage/backup.h"
-#include "storage/forgetstored.h"
-#include "storage/paths.h"
 
 #include <QCoreApplication>
 
@@ -22,79 +14,10 @@ namespace kelvane::app {
 
 namespace {
 
-using result::simpleResult;
-using result::writeResultLine;
-
 void writeError(const std::string &text) {
     const std::string line = "error: " + text + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
-}
-
-int printSimpleResult(bool success, const std::string &message) {
-    writeResultLine(simpleResult(success, message));
-    return success ? 0 : 1;
-}
-
-int runRestore() {
-    QString error;
-    const bool restored = storage::restoreBackup(&error);
-    return printSimpleResult(restored, restored ? std::string() : core::toUtf8(error));
-}
-
-// BlueZ first; only when it cannot remove the device is the store edited directly.
-int runForget(const std::string &mac) {
-    std::string error;
-    if (operations::forgetDevice(error, mac) ||
-        storage::forgetStoredDevice(core::fromUtf8(mac), nullptr, storage::storeRoot)) {
-        saveBluetoothConfig();
-        return printSimpleResult(true, std::string());
-    }
-    return printSimpleResult(false, error.empty() ? std::string("device not found") : error);
-}
-
-constexpr int scanSeconds = 10;
-
-std::string adapterReport(const core::AdapterInfo &adapter, const std::string &error) {
-    return "adapter " + std::to_string(adapter.id) + ": " + error;
-}
-
-int runScan() {
-    result::ResultDocument document;
-    std::string error;
-    const std::vector<core::AdapterInfo> adapters = bluez::listAdapters(error);
-    if (adapters.empty()) {
-        document.setStatus(result::ResultStatus::Error);
-        document.setError(error);
-        writeResultLine(result::resultToJson(document));
-        return 1;
-    }
-    document.setAdapters(adapters);
-    for (const core::AdapterInfo &adapter : adapters) {
-        const std::vector<core::DeviceInfo> devices =
-            operations::scanAdapter(adapter.path, error, scanSeconds);
-        if (devices.empty() && !error.empty()) {
-            document.setStatus(result::ResultStatus::Partial);
-            document.setError(document.error().empty()
-                                  ? adapterReport(adapter, error)
-                                  : document.error() + "; " + adapterReport(adapter, error));
-            continue;
-        }
-        document.mergeDevices(devices);
-    }
-    writeResultLine(result::resultToJson(document));
-    return document.status() == result::ResultStatus::Error ? 1 : 0;
-}
-
-// Unlike forget, the result line comes before the backup: the caller learns
-// the outcome without waiting for the copy.
-int runPair(const std::string &mac) {
-    std::string error;
-    if (!pairing::pairTrustConnect(mac, error))
-        return printSimpleResult(false, error);
-    printSimpleResult(true, std::string());
-    saveBluetoothConfig();
-    return 0;
 }
 
 // Qt's own warnings (a daemon sending odd types, say) must never reach the
@@ -103,41 +26,38 @@ void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &messa
     core::DbusTrace::debug("qt: " + message.toUtf8());
 }
 
+int runOperation(const Command &command, const std::string &mac) {
+    const result::ResultDocument document = command.run(mac);
+    const bool changed = document.status() != result::ResultStatus::Error;
+    if (changed && command.backup == BackupSave::BeforePrinting)
+        saveBluetoothConfig();
+    result::writeResultLine(result::resultToJson(document));
+    if (changed && command.backup == BackupSave::AfterPrinting)
+        saveBluetoothConfig();
+    return changed ? 0 : 1;
+}
+
 int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {
-    switch (parsed.command) {
-    case Command::Usage:
+    switch (parsed.kind) {
+    case ParsedCommandLine::Kind::Usage:
         printUsage(invocationName);
         return 0;
-    case Command::Unknown:
+    case ParsedCommandLine::Kind::Unknown:
         writeError("unknown option: " + parsed.word);
         printUsage(invocationName);
         return 1;
-    default:
+    case ParsedCommandLine::Kind::Operation:
         break;
     }
-    if (commandNeedsMac(parsed.command) && !parsed.mac) {
+    const Command &command = *parsed.command;
+    if (command.needsMac && !parsed.mac) {
         writeError(parsed.word + " requires a Bluetooth MAC address");
         printUsage(invocationName);
         return 1;
     }
-    if (commandNeedsRoot(parsed.command) && !requireRoot(parsed.word))
+    if (command.needsRoot && !requireRoot(parsed.word))
         return 1;
-    switch (parsed.command) {
-    case Command::Scan:
-        return runScan();
-    case Command::List:
-        return operations::listKnownDevices();
-    case Command::Restore:
-        return runRestore();
-    case Command::Forget:
-        return runForget(*parsed.mac);
-    case Command::Pair:
-        return runPair(*parsed.mac);
-    case Command::Usage:
-    case Command::Unknown:
-        break; // answered before the checks
-    }
-    return 1;
+    return runOperation(command, parsed.mac.value_or(std::string()));
 }
 
 } // namespace
@@ -176,18 +96,19 @@ void saveBluetoothConfig() {
         core::DbusTrace::debug("warning: failed to save bluetooth config: " + error.toUtf8());
 }
 
-int runFrontEnd(int argc, char **argv) {
+int runFrontEnd(const std::string &invocationName, const std::vector<std::string> &words) {
     qInstallMessageHandler(routeQtMessages);
-    QCoreApplication application(argc, argv);
-    // Taken from argv rather than QCoreApplication::arguments(): the words are
-    // compared as bytes, whatever the locale's codec makes of them.
-    std::vector<std::string> words;
-    for (int i = 1; i < argc; ++i)
-        words.emplace_back(argv[i]);
+    // Qt's D-Bus layer needs an application object. It gets the invocation
+    // name only: Qt removes words it takes for its own options from the argv
+    // it is given.
+    std::string qtName = invocationName;
+    int qtArgc = 1;
+    char *qtArgv[] = {qtName.data(), nullptr};
+    QCoreApplication application(qtArgc, qtArgv);
     const ParsedCommandLine parsed = parseCommandLine(words);
     if (parsed.trace)
         core::DbusTrace::setEnabled(true);
-    return dispatch(parsed, argc > 0 ? std::string(argv[0]) : std::string());
+    return dispatch(parsed, invocationName);
 }
 
 } // namespace kelvane::app

@@ -51,12 +51,11 @@ core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &pr
 }
 
 QString findDevicePathByAddress(const ManagedObjectMap &objects, const QString &address) {
-    const QString wanted = normalizeAddress(address);
     for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
         const PropertyMap properties = it.value().value(names::device);
         if (properties.isEmpty())
             continue;
-        if (normalizeAddress(properties.value(QStringLiteral("Address")).toString()) == wanted)
+        if (sameAddress(properties.value(QStringLiteral("Address")).toString(), address))
             return it.key().path();
     }
     return QString();

@@ -3,9 +3,10 @@
 #include "bluez/address.h"
 #include "bluez/devices.h"
 #include "bluez/discovery.h"
-#include "bluez/names.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
+#include "storage/forgetstored.h"
+#include "storage/paths.h"
 
 namespace kelvane::operations {
 
@@ -17,33 +18,37 @@ QString adapterPathOf(const QString &devicePath) {
     return slash > 0 ? devicePath.left(slash) : QString();
 }
 
+core::Status removeThroughBluez(const QString &address) {
+    // An unreachable daemon simply knows no device; the store decides then.
+    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
+    const QString devicePath = bluez::findDevicePathByAddress(objects, address);
+    if (devicePath.isEmpty())
+        return core::failure(QStringLiteral("device not found"));
+    QString error;
+    if (!bluez::removeDevice(adapterPathOf(devicePath), devicePath, &error))
+        return core::failure(error);
+    return {};
+}
+
+// When BlueZ cannot remove the device (not running, or not knowing it), its
+// directories go from the store directly. The one place the store is edited.
+bool removeFromStore(const QString &address) {
+    return storage::forgetStoredDevice(address, nullptr, storage::storeRoot);
+}
+
 } // namespace
 
-bool forgetDevice(std::string &error, const std::string &address, core::DeviceInfo *removed) {
-    error.clear();
-    const QString typed = core::fromUtf8(address);
-    if (!bluez::isValidAddress(bluez::normalizeAddress(typed))) {
-        error = "invalid Bluetooth address: " + address;
-        return false;
-    }
-    // An unreachable daemon simply knows no device; the fallback decides.
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
-    const QString devicePath = bluez::findDevicePathByAddress(objects, typed);
-    if (devicePath.isEmpty()) {
-        error = "device not found";
-        return false;
-    }
-    const bluez::PropertyMap properties =
-        bluez::interfaceProperties(objects, devicePath, bluez::names::device);
-    if (removed && !properties.isEmpty())
-        *removed = bluez::deviceFromProperties(devicePath, properties);
-
-    QString removeError;
-    if (!bluez::removeDevice(adapterPathOf(devicePath), devicePath, &removeError)) {
-        error = core::toUtf8(removeError);
-        return false;
-    }
-    return true;
+result::ResultDocument forget(const std::string &typedAddress) {
+    const QString address = bluez::normalizeAddress(core::fromUtf8(typedAddress).trimmed());
+    if (!bluez::isValidAddress(address))
+        return result::simpleResult(core::failure(QStringLiteral("invalid Bluetooth address: ") +
+                                                  core::fromUtf8(typedAddress)));
+    const core::Status removed = removeThroughBluez(address);
+    if (removed || removeFromStore(address))
+        return result::simpleResult({});
+    const QString &message = removed.error().message;
+    return result::simpleResult(
+        core::failure(message.isEmpty() ? QStringLiteral("device not found") : message));
 }
 
 } // namespace kelvane::operations

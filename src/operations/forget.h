@@ -1,14 +1,14 @@
 #pragma once
 
-#include "core/records.h"
+#include "result/resultdocument.h"
 
 #include <string>
 
 namespace kelvane::operations {
 
-// Asks BlueZ to remove the device with this address (as typed). `removed`
-// receives the device's record as it was just before the removal.
-bool forgetDevice(std::string &error, const std::string &address,
-                  core::DeviceInfo *removed = nullptr);
+// The -f operation. The typed address is trimmed and normalised once; that
+// one form goes to BlueZ and, when BlueZ cannot remove the device, to the
+// store. An address that is not valid deletes nothing.
+result::ResultDocument forget(const std::string &typedAddress);
 
 } // namespace kelvane::operations

@@ -5,7 +5,6 @@
 #include "bluez/discovery.h"
 #include "bluez/names.h"
 #include "bluez/snapshot.h"
-#include "result/resultdocument.h"
 #include "core/utf8.h"
 
 #include <QThread>
@@ -15,6 +14,8 @@
 namespace kelvane::operations {
 
 namespace {
+
+constexpr int scanSeconds = 10;
 
 // "/org/bluez/hci1/" keeps hci10's devices out of hci1's scan.
 bool belongsToAdapter(const QString &objectPath, const QString &adapterPath) {
@@ -52,21 +53,18 @@ void mergeLatest(std::vector<core::DeviceInfo> &seen, std::vector<core::DeviceIn
     }
 }
 
+std::string adapterReport(const core::AdapterInfo &adapter, const QString &error) {
+    return "adapter " + std::to_string(adapter.id) + ": " + core::toUtf8(error);
+}
+
 } // namespace
 
-std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
-                                            int seconds) {
-    error.clear();
-    const QString path = core::fromUtf8(adapterPath);
-    if (path.isEmpty()) {
-        error = "invalid adapter path";
-        return {};
-    }
-    QString stepError;
-    if (!bluez::ensureAdapterPowered(path, stepError) || !bluez::startDiscovery(path, stepError)) {
-        error = core::toUtf8(stepError);
-        return {};
-    }
+core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInfo &adapter,
+                                                          int seconds) {
+    const QString path = core::fromUtf8(adapter.path);
+    QString error;
+    if (!bluez::ensureAdapterPowered(path, error) || !bluez::startDiscovery(path, error))
+        return core::failure(error);
     std::vector<core::DeviceInfo> seen;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
@@ -75,6 +73,23 @@ std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::s
     bluez::stopDiscovery(path);
     std::sort(seen.begin(), seen.end(), result::deviceSortsBefore);
     return seen;
+}
+
+result::ResultDocument scan() {
+    result::ResultDocument document;
+    std::string error;
+    const std::vector<core::AdapterInfo> adapters = bluez::listAdapters(error);
+    if (adapters.empty())
+        return result::simpleResult(core::failure(core::fromUtf8(error)));
+    document.setAdapters(adapters);
+    for (const core::AdapterInfo &adapter : adapters) {
+        const auto devices = scanAdapter(adapter, scanSeconds);
+        if (devices)
+            document.mergeDevices(*devices);
+        else
+            document.addPartialFailure(adapterReport(adapter, devices.error().message));
+    }
+    return document;
 }
 
 } // namespace kelvane::operations

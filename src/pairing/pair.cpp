@@ -8,9 +8,9 @@
 #include "bluez/properties.h"
 #include "bluez/snapshot.h"
 #include "core/trace.h"
+#include "core/utf8.h"
 #include "pairing/eventlog.h"
 #include "pairing/registration.h"
-#include "core/utf8.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -231,24 +231,19 @@ private:
 
 } // namespace
 
-bool pairTrustConnect(const std::string &address, std::string &error) {
-    error.clear();
+core::Status pairTrustConnect(const std::string &address) {
     const QString typed = core::fromUtf8(address);
-    if (!bluez::isValidAddress(bluez::normalizeAddress(typed))) {
-        error = core::toUtf8(QStringLiteral("invalid Bluetooth address: ") + typed);
-        return false;
-    }
+    if (!bluez::isValidAddress(bluez::normalizeAddress(typed)))
+        return core::failure(QStringLiteral("invalid Bluetooth address: ") + typed);
     // Declared first so that it is destroyed last: the agent is withdrawn
     // after every other step, on every way out.
     AgentRegistration registration;
     registerPairingAgent(registration);
     PairingEventLog::reset();
     PairProcedure procedure(typed);
-    if (!procedure.run()) {
-        error = core::toUtf8(procedure.message());
-        return false;
-    }
-    return true;
+    if (!procedure.run())
+        return core::failure(procedure.message());
+    return {};
 }
 
 } // namespace kelvane::pairing

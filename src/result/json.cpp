@@ -103,13 +103,6 @@ QByteArray resultToJson(const ResultDocument &document) {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
-QByteArray simpleResult(bool success, const std::string &message) {
-    ResultDocument document;
-    document.setStatus(success ? ResultStatus::Ok : ResultStatus::Error);
-    document.setError(message);
-    return resultToJson(document);
-}
-
 void writeResultLine(const QByteArray &json) {
     std::fwrite(json.constData(), 1, static_cast<size_t>(json.size()), stdout);
     std::fputc('\n', stdout);

@@ -15,9 +15,6 @@ QJsonObject adapterToJson(const AdapterInfo &adapter);
 // Compact JSON; QJsonObject keeps members in ascending key order.
 QByteArray resultToJson(const ResultDocument &document);
 
-// A document without adapters or devices: status Ok or Error, error = message.
-QByteArray simpleResult(bool success, const std::string &message);
-
 // The only writer of standard output besides the usage text.
 void writeResultLine(const QByteArray &json);
 

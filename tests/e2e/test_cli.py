@@ -62,7 +62,9 @@ def first_word(args):
 # typed), and -f or -p without a MAC before the root check. The usage
 # follows on stdout, status 1. Each case runs as root or as nobody, by turns.
 UNKNOWN = [['-vv'], ['--verbose'], ['-E'], [''], ['-x', '-e'], ['-v', '-x'], ['--'], ['-ef'],
-           [' -e'], ['-f' + MAC], ['-help'], ['-e '], ['ä']]
+           [' -e'], ['-f' + MAC], ['-help'], ['-e '], ['ä'],
+           # Words that Qt would take for options of its own.
+           ['--qmljsdebugger=port:1', '-e'], ['-qmljsdebugger', '-e']]
 MISSING_MAC = [['-f'], ['-p'], ['-f', '-v'], ['-v', '-p', '-v']]
 BAD_WORDS = ([(args, 'unknown option: ' + first_word(args)) for args in UNKNOWN]
              + [(args, first_word(args) + ' requires a Bluetooth MAC address')
@@ -80,7 +82,8 @@ def test_bad_words_print_error_and_usage(run_kelvane, sim, args, error, root):
 
 
 NEEDS_ROOT = [['-l'], ['-r'], ['-f', MAC], ['-p', MAC], ['-f', '-e'], ['-f', 'not-a-mac'],
-              ['-p', '-v', 'aa-bb-cc-dd-ee-ff'], ['-r', '-h'], ['-v', '-l', '-v']]
+              ['-p', '-v', 'aa-bb-cc-dd-ee-ff'], ['-r', '-h'], ['-v', '-l', '-v'],
+              ['-f', '-qmljsdebugger=1']]
 
 
 @pytest.mark.parametrize('args', NEEDS_ROOT, ids=' '.join)

@@ -443,8 +443,8 @@ STALE_TMP = with_backup(
 GONE = [AD0 + '/' + MAC, AD1 + '/' + escaped(MAC.lower())]
 # world, run options, store, /tmp, the typed address, the error, the store entries that go.
 FORGETS = {
-    # BlueZ cannot remove it, or does not know it (nor, with blanks, take it as
-    # an address): the device's directories go from the store, which is saved.
+    # BlueZ cannot remove it, or does not know it: the device's directories go
+    # from the store, which is saved.
     'bluez-refuses': (bluez_knows(MAC, refuses=True), {}, FALLBACK_STORE, STALE_TMP, MAC, '',
                       GONE),
     'no-bus': (None, NO_BUS, FALLBACK_STORE, STALE_TMP, MAC, '', GONE),
@@ -452,6 +452,12 @@ FORGETS = {
                          ' aa-bb-cc-dd-ee-ff ', '', GONE),
     'invalid': (bluez_knows(MAC), {}, STORE, STALE_TMP, 'AA:BB:CC:DD:EE',
                 'invalid Bluetooth address: AA:BB:CC:DD:EE', []),
+    # The address is read once, blanks trimmed: BlueZ removes the device and
+    # the store is left to it. A word that is no address deletes nothing,
+    # though the store has a directory of that name under every adapter.
+    'blanks-trimmed': (bluez_knows(MAC), {}, STORE, STALE_TMP, ' aa-bb-cc-dd-ee-ff', '', []),
+    'not-an-address': (None, {}, STORE, STALE_TMP, 'cache', 'invalid Bluetooth address: cache',
+                       []),
     'unknown': (bluez_knows(MAC), {}, STORE, STALE_TMP, '12-34-56-78-9a-bc', 'device not found',
                 []),
     # BlueZ's own error when it refuses and the store lacks the device.

@@ -107,7 +107,7 @@ private slots:
         row("dash query", "AA-BB-cc-dd-EE-FF", "/org/bluez/hci0/dev_AA");
         row("hci10 before hci2", "12:34:56:78:9A:BC", "/org/bluez/hci10/dev_12");
         row("stored lower-case", "11:22:33:44:55:66", "/org/bluez/hci1/dev_11");
-        row("blank not trimmed", " aa:bb:cc:dd:ee:ff", "");
+        row("blanks trimmed", " aa:bb:cc:dd:ee:ff\n", "/org/bluez/hci0/dev_AA");
         row("unknown", "00:00:00:00:00:01", "");
     }
     void findDevice() {

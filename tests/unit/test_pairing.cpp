@@ -241,24 +241,21 @@ private slots:
     void invalidAddressTouchesNothing() {
         PairingEventLog::logEvent("connected");
         const QByteArray earlierRun = readFile(m_eventFile);
-        std::string error = "stale";
-        bool ok = true;
-        QCOMPARE(traceLines([&] { ok = pairTrustConnect(" AA:BB:CC:DD:EE:FF", error); }),
+        core::Status paired;
+        QCOMPARE(traceLines([&] { paired = pairTrustConnect(" AA:BB:CC:DD:EE:FF"); }),
                  QStringList());
-        QVERIFY(!ok);
-        QCOMPARE(QString::fromStdString(error),
-                 QString("invalid Bluetooth address:  AA:BB:CC:DD:EE:FF"));
+        QVERIFY(!paired);
+        QCOMPARE(paired.error().message, QString("invalid Bluetooth address:  AA:BB:CC:DD:EE:FF"));
         QCOMPARE(readFile(m_eventFile), earlierRun);
     }
 
     void failureWithoutBlueZStillWithdrawsAgent() {
         PairingEventLog::logEvent("connected");
-        std::string error;
-        bool ok = true;
+        core::Status paired;
         const QStringList lines =
-            traceLines([&] { ok = pairTrustConnect("aa-bb-cc-dd-ee-ff", error); });
-        QVERIFY(!ok);
-        QVERIFY(!error.empty());
+            traceLines([&] { paired = pairTrustConnect("aa-bb-cc-dd-ee-ff"); });
+        QVERIFY(!paired);
+        QVERIFY(!paired.error().message.isEmpty());
         QCOMPARE(readFile(m_eventFile), QByteArray("[]\n"));
         QVERIFY(lines.contains("debug: pairing with address aa-bb-cc-dd-ee-ff"));
         QVERIFY(!lines.join('\n').contains("using adapter"));

@@ -92,12 +92,19 @@ private slots:
     }
 
     void simpleResultBytes() {
-        QCOMPARE(simpleResult(true, ""),
+        QCOMPARE(resultToJson(simpleResult({})),
                  QByteArray(R"({"adapters":[],"devices":[],"error":"","result":"ok"})"));
         QCOMPARE(
-            simpleResult(false, "device not found"),
+            resultToJson(simpleResult(kelvane::core::failure("device not found"))),
             QByteArray(
                 R"({"adapters":[],"devices":[],"error":"device not found","result":"error"})"));
+        // Partial failures are joined and still print as "ok".
+        ResultDocument partial;
+        partial.addPartialFailure("adapter 0: a");
+        partial.addPartialFailure("adapter 1: b");
+        QCOMPARE(resultToJson(partial),
+                 QByteArray(R"({"adapters":[],"devices":[],"error":"adapter 0: a; adapter 1: b",)"
+                            R"("result":"ok"})"));
         QCOMPARE(captureStream(stdout, [] { writeResultLine("{}"); }), QByteArray("{}\n"));
     }
 
