@@ -5,8 +5,9 @@
 #include "result/json.h"
 #include "storage/backup.h"
 
-#include <QCoreApplication>
+#include <QtGlobal>
 
+#include <clocale>
 #include <cstdio>
 #include <unistd.h>
 
@@ -98,13 +99,9 @@ void saveBluetoothConfig() {
 
 int runFrontEnd(const std::string &invocationName, const std::vector<std::string> &words) {
     qInstallMessageHandler(routeQtMessages);
-    // Qt's D-Bus layer needs an application object. It gets the invocation
-    // name only: Qt removes words it takes for its own options from the argv
-    // it is given.
-    std::string qtName = invocationName;
-    int qtArgc = 1;
-    char *qtArgv[] = {qtName.data(), nullptr};
-    QCoreApplication application(qtArgc, qtArgv);
+    // What QCoreApplication would do, and nothing needs one otherwise: file
+    // names are encoded in the locale's character set.
+    std::setlocale(LC_ALL, "");
     const ParsedCommandLine parsed = parseCommandLine(words);
     if (parsed.trace)
         core::DbusTrace::setEnabled(true);

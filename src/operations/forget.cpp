@@ -1,8 +1,9 @@
 #include "operations/forget.h"
 
 #include "bluez/address.h"
-#include "bluez/devices.h"
 #include "bluez/discovery.h"
+#include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
 #include "storage/forgetstored.h"
@@ -20,14 +21,16 @@ QString adapterPathOf(const QString &devicePath) {
 
 core::Status removeThroughBluez(const QString &address) {
     // An unreachable daemon simply knows no device; the store decides then.
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
-    const QString devicePath = bluez::findDevicePathByAddress(objects, address);
+    const auto objects = bluez::loadManagedObjects();
+    const QString devicePath =
+        objects ? bluez::findDevicePathByAddress(*objects, address) : QString();
     if (devicePath.isEmpty())
         return core::failure(QStringLiteral("device not found"));
-    QString error;
-    if (!bluez::removeDevice(adapterPathOf(devicePath), devicePath, &error))
-        return core::failure(error);
-    return {};
+    const QString adapterPath = adapterPathOf(devicePath);
+    if (!adapterPath.isEmpty() &&
+        bluez::interfaceProperties(*objects, adapterPath, bluez::names::adapter).isEmpty())
+        return core::failure(QStringLiteral("adapter not found: %1").arg(adapterPath));
+    return bluez::removeDevice(adapterPath, devicePath);
 }
 
 // When BlueZ cannot remove the device (not running, or not knowing it), its

@@ -62,20 +62,21 @@ std::vector<core::AdapterInfo> storedAdapters(const std::vector<StoredDevice> &s
 } // namespace
 
 result::ResultDocument listKnownDevices() {
-    std::string liveError;
-    const std::vector<DeviceInfo> live = bluez::listLiveDevices(liveError);
+    const auto live = bluez::listLiveDevices();
+    const std::vector<DeviceInfo> liveDevices = live ? *live : std::vector<DeviceInfo>();
     const std::vector<StoredDevice> stored = storage::listStoredDevices(storage::storeRoot);
 
     std::vector<DeviceInfo> known;
     known.reserve(stored.size());
     for (const StoredDevice &device : stored)
-        known.push_back(knownDevice(device, live));
+        known.push_back(knownDevice(device, liveDevices));
 
     result::ResultDocument document;
     document.mergeDevices(known);
     // Without live state the stored devices are still worth listing.
-    if (!stored.empty() && live.empty() && !liveError.empty())
-        document.addPartialFailure("could not query live device state: " + liveError);
+    if (!stored.empty() && !live)
+        document.addPartialFailure("could not query live device state: " +
+                                   core::toUtf8(live.error().message));
     document.setAdapters(storedAdapters(stored));
     return document;
 }

@@ -3,7 +3,7 @@
 #include "bluez/adapters.h"
 #include "bluez/devices.h"
 #include "bluez/discovery.h"
-#include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
 
@@ -17,26 +17,12 @@ namespace {
 
 constexpr int scanSeconds = 10;
 
-// "/org/bluez/hci1/" keeps hci10's devices out of hci1's scan.
-bool belongsToAdapter(const QString &objectPath, const QString &adapterPath) {
-    return objectPath.startsWith(adapterPath + QLatin1Char('/')) &&
-           objectPath.contains(QLatin1String("/dev_"));
-}
-
+// A snapshot that fails contributes nothing to its poll.
 std::vector<core::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
-    std::vector<core::DeviceInfo> devices;
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
-    for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-        if (!belongsToAdapter(it.key().path(), adapterPath))
-            continue;
-        const bluez::PropertyMap properties = it.value().value(bluez::names::device);
-        if (properties.isEmpty())
-            continue;
-        core::DeviceInfo device = bluez::deviceFromProperties(it.key().path(), properties);
-        if (!device.address.empty())
-            devices.push_back(std::move(device));
-    }
-    return devices;
+    const auto objects = bluez::loadManagedObjects();
+    if (!objects)
+        return {};
+    return bluez::devicesWithAddress(bluez::devicesUnder(*objects, adapterPath));
 }
 
 // Unlike the result document's merge, the latest poll always wins here: a scan
@@ -62,9 +48,10 @@ std::string adapterReport(const core::AdapterInfo &adapter, const QString &error
 core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInfo &adapter,
                                                           int seconds) {
     const QString path = core::fromUtf8(adapter.path);
-    QString error;
-    if (!bluez::ensureAdapterPowered(path, error) || !bluez::startDiscovery(path, error))
-        return core::failure(error);
+    if (const core::Status powered = bluez::ensureAdapterPowered(path, adapter.powered); !powered)
+        return powered.error();
+    if (const core::Status started = bluez::startDiscovery(path); !started)
+        return started.error();
     std::vector<core::DeviceInfo> seen;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
@@ -76,13 +63,12 @@ core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInf
 }
 
 result::ResultDocument scan() {
+    const auto adapters = bluez::listAdapters();
+    if (!adapters)
+        return result::simpleResult(adapters.error());
     result::ResultDocument document;
-    std::string error;
-    const std::vector<core::AdapterInfo> adapters = bluez::listAdapters(error);
-    if (adapters.empty())
-        return result::simpleResult(core::failure(core::fromUtf8(error)));
-    document.setAdapters(adapters);
-    for (const core::AdapterInfo &adapter : adapters) {
+    document.setAdapters(*adapters);
+    for (const core::AdapterInfo &adapter : *adapters) {
         const auto devices = scanAdapter(adapter, scanSeconds);
         if (devices)
             document.mergeDevices(*devices);

@@ -2,6 +2,7 @@
 
 #include "bluez/devices.h"
 #include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "result/json.h"
 
@@ -9,7 +10,6 @@
 #include <QFile>
 #include <QJsonDocument>
 
-#include <mutex>
 #include <optional>
 
 namespace kelvane::pairing {
@@ -17,7 +17,6 @@ namespace kelvane::pairing {
 namespace {
 
 struct LogState {
-    std::mutex mutex;
     QJsonArray events;
     std::optional<core::DeviceInfo> device;
     QString filePath = PairingEventLog::defaultFilePath;
@@ -31,66 +30,48 @@ LogState &state() {
 } // namespace
 
 void PairingEventLog::reset() {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.events = QJsonArray();
-    log.device.reset();
+    state().events = QJsonArray();
+    state().device.reset();
     writeFile();
 }
 
 void PairingEventLog::setDevice(const core::DeviceInfo &device) {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.device = device;
+    state().device = device;
 }
 
-void PairingEventLog::logEvent(const QString &name, const QJsonObject &extra) {
-    LogState &log = state();
-    // The JSON is built outside the lock; only the shared state is touched under it.
-    QJsonObject event = extra;
-    event.insert(QStringLiteral("event"), name);
-    event.insert(QStringLiteral("timestamp"), QDateTime::currentDateTimeUtc().toSecsSinceEpoch());
-    std::optional<core::DeviceInfo> device;
-    {
-        std::lock_guard<std::mutex> lock(log.mutex);
-        device = log.device;
-    }
-    if (device)
-        event.insert(QStringLiteral("device"), result::deviceToJson(*device));
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.events.append(event);
+void PairingEventLog::logEvent(const QString &name, const QString &passkey) {
+    const qint64 timestamp = QDateTime::currentDateTimeUtc().toSecsSinceEpoch();
+    state().events.append(result::eventToJson(name, timestamp, state().device, passkey));
     writeFile();
 }
 
 QJsonArray PairingEventLog::events() {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    return log.events;
+    return state().events;
 }
 
 void PairingEventLog::setFilePath(const QString &path) {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.filePath = path;
+    state().filePath = path;
 }
 
+// An unwritable file must not disturb the pairing; the next event rewrites
+// the complete list anyway.
 void PairingEventLog::writeFile() {
-    LogState &log = state();
-    QFile file(log.filePath);
-    // An unwritable file must not disturb the pairing; the next event
-    // rewrites the complete list anyway.
+    QFile file(state().filePath);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return;
-    file.write(QJsonDocument(log.events).toJson(QJsonDocument::Compact));
+    file.write(QJsonDocument(state().events).toJson(QJsonDocument::Compact));
     file.write("\n");
 }
 
-void refreshEventDevice(const QString &devicePath) {
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
+bluez::PropertyMap refreshEventDevice(const QString &devicePath) {
+    const auto objects = bluez::loadManagedObjects();
+    if (!objects)
+        return {};
     const bluez::PropertyMap properties =
-        bluez::interfaceProperties(objects, devicePath, bluez::names::device);
+        bluez::interfaceProperties(*objects, devicePath, bluez::names::device);
     if (!properties.isEmpty())
         PairingEventLog::setDevice(bluez::deviceFromProperties(devicePath, properties));
+    return properties;
 }
 
 } // namespace kelvane::pairing

@@ -85,6 +85,18 @@ QJsonObject adapterToJson(const AdapterInfo &adapter) {
     return object;
 }
 
+QJsonObject eventToJson(const QString &event, qint64 timestamp,
+                        const std::optional<DeviceInfo> &device, const QString &passkey) {
+    QJsonObject object;
+    object.insert(QStringLiteral("event"), event);
+    object.insert(QStringLiteral("timestamp"), timestamp);
+    if (device)
+        object.insert(QStringLiteral("device"), deviceToJson(*device));
+    if (!passkey.isEmpty())
+        object.insert(QStringLiteral("passkey"), passkey);
+    return object;
+}
+
 QByteArray resultToJson(const ResultDocument &document) {
     QJsonArray adapters;
     for (const AdapterInfo &adapter : document.adapters())

@@ -5,12 +5,16 @@
 #include <QByteArray>
 #include <QJsonObject>
 
-#include <string>
+#include <optional>
 
 namespace kelvane::result {
 
 QJsonObject deviceToJson(const DeviceInfo &device);
 QJsonObject adapterToJson(const AdapterInfo &adapter);
+
+// One event of the pairing event file; "device" and "passkey" only when given.
+QJsonObject eventToJson(const QString &event, qint64 timestamp,
+                        const std::optional<DeviceInfo> &device, const QString &passkey);
 
 // Compact JSON; QJsonObject keeps members in ascending key order.
 QByteArray resultToJson(const ResultDocument &document);

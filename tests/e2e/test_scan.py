@@ -265,6 +265,11 @@ def test_powering_and_discovery_calls_per_adapter(scanned):
         [('Set', 'org.bluez.Adapter1.Powered=True')] + start + [('StopDiscovery', None)])
     assert busy.adapter_calls('/org/bluez/hci10') == start
     assert busy.adapter_calls('/org/bluez/usb0') == [('Set', 'org.bluez.Adapter1.Powered=True')]
+    # Nothing else: no introspection or property reads, one snapshot for the
+    # listing and one per poll of the two adapters that got to discover.
+    assert set(busy.sim.methods()) == {'GetManagedObjects', 'Set', 'SetDiscoveryFilter',
+                                       'StartDiscovery', 'StopDiscovery'}
+    assert busy.sim.methods().count('GetManagedObjects') == 1 + 10 + 10
     adapters = busy.sim.state()['adapters']
     assert adapters['/org/bluez/hci0']['sessions'] == []
     assert adapters['/org/bluez/hci1']['sessions'] == []
