@@ -153,7 +153,7 @@ def dead_bus_address():
 
 
 def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
-                env=None, argv0=None, timeout=60, expect_json=True, readonly=()):
+                env=None, argv0=None, timeout=60, expect_json=True, readonly=(), broken=()):
     '''Runs `binary args...` in a private mount namespace and returns a Run.
 
     root: run as root, else as nobody (uid/gid 65534, no groups).
@@ -165,6 +165,8 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     expect_json: assert one compact JSON line on stdout, parse it and check
         it against the published schema.
     readonly: any of "tmp", "store": mounted read-only for the run.
+    broken: any of "stdout", "stderr": a pipe whose reader has gone (what
+        the tool writes there is lost; Run has it as empty).
     Every run has a timeout; running out of it fails the test.'''
     if os.geteuid() != 0:
         import pytest  # pylint: disable=import-outside-toplevel
@@ -185,7 +187,7 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
         'uid': None if root else NOBODY, 'gid': None if root else NOBODY,
         'tmp': _describe(tmp, 0o1777),
         'store': None if store is NO_STORE else _describe(store, 0o700),
-        'readonly': list(readonly),
+        'readonly': list(readonly), 'broken': list(broken),
     }
     completed = subprocess.run(
         ['unshare', '--mount', '--propagation', 'private', PYTHON, str(NSRUN)],

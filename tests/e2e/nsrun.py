@@ -141,11 +141,22 @@ def run_tool(request, binary):
             os.setresgid(gid, gid, gid)
             os.setresuid(uid, uid, uid)
 
+    # A stream listed in "broken" is a pipe whose reader has already gone.
+    streams = {}
+    for name in ('stdout', 'stderr'):
+        if name in request.get('broken', []):
+            read_end, streams[name] = os.pipe()
+            os.close(read_end)
+        else:
+            streams[name] = subprocess.PIPE
     started = time.monotonic()
     process = subprocess.Popen(
         request['argv'], executable=binary, env=request['env'], cwd='/',
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        stdin=subprocess.DEVNULL, stdout=streams['stdout'], stderr=streams['stderr'],
         preexec_fn=drop_privileges, start_new_session=True)
+    for stream in streams.values():
+        if stream is not subprocess.PIPE:
+            os.close(stream)
     timed_out = False
     try:
         stdout, stderr = process.communicate(timeout=request['timeout'])
@@ -156,7 +167,8 @@ def run_tool(request, binary):
     return {
         'status': process.returncode, 'timed_out': timed_out,
         'seconds': round(time.monotonic() - started, 3),
-        'stdout': base64.b64encode(stdout).decode(), 'stderr': base64.b64encode(stderr).decode(),
+        'stdout': base64.b64encode(stdout or b'').decode(),
+        'stderr': base64.b64encode(stderr or b'').decode(),
     }
 
 
