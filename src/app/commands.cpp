@@ -24,7 +24,7 @@ result::ResultDocument listKnown(const std::string &) {
 result::ResultDocument restore(const std::string &) {
     QString error;
     if (storage::restoreBackup(&error))
-        return result::simpleResult({});
+        return result::simpleResult(core::Status());
     return result::simpleResult(core::failure(error));
 }
 
@@ -36,8 +36,9 @@ result::ResultDocument pair(const std::string &mac) {
     return result::simpleResult(pairing::pairTrustConnect(mac));
 }
 
-// The pair run reports before it saves: the caller learns the outcome
-// without waiting for the copy. A forget saves first.
+// Word, MAC, root, store lock, backup, handler. The pair run reports before
+// it saves: the caller learns the outcome without waiting for the copy. A
+// forget saves first.
 const std::array<Command, 5> commands{{
     {"-e", false, false, false, BackupSave::Never, scan},
     {"-l", false, true, true, BackupSave::Never, listKnown},

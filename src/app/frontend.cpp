@@ -29,13 +29,13 @@ void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &messa
 
 int runOperation(const Command &command, const std::string &mac) {
     const result::ResultDocument document = command.run(mac);
-    const bool changed = document.status() != result::ResultStatus::Error;
-    if (changed && command.backup == BackupSave::BeforePrinting)
+    const bool succeeded = document.status() != result::ResultStatus::Error;
+    if (succeeded && command.backup == BackupSave::BeforePrinting)
         saveBluetoothConfig();
     result::writeResultLine(result::resultToJson(document));
-    if (changed && command.backup == BackupSave::AfterPrinting)
+    if (succeeded && command.backup == BackupSave::AfterPrinting)
         saveBluetoothConfig();
-    return changed ? 0 : 1;
+    return succeeded ? 0 : 1;
 }
 
 int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {

@@ -34,6 +34,8 @@ struct Bus {
     ~Bus() {
         if (!connection)
             return;
+        // Replies the agent queued in the last dispatch still go out.
+        dbus_connection_flush(connection);
         dbus_connection_close(connection);
         dbus_connection_unref(connection);
     }

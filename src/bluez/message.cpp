@@ -190,6 +190,22 @@ core::Error errorOf(DBusMessage *errorMessage) {
     return error;
 }
 
+std::optional<IncomingCall> incomingCall(DBusMessage *message) {
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return std::nullopt;
+    return IncomingCall{QString::fromUtf8(dbus_message_get_interface(message)),
+                        QString::fromUtf8(dbus_message_get_member(message)),
+                        QString::fromUtf8(dbus_message_get_signature(message)),
+                        QString::fromUtf8(dbus_message_get_sender(message))};
+}
+
+core::Error unknownMethod(const IncomingCall &call) {
+    return core::failure(
+        QStringLiteral("Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist\n")
+            .arg(call.member, call.signature, call.interface),
+        QStringLiteral(DBUS_ERROR_UNKNOWN_METHOD));
+}
+
 QVariant readValue(DBusMessageIter *iterator) {
     switch (dbus_message_iter_get_arg_type(iterator)) {
     case DBUS_TYPE_BOOLEAN:

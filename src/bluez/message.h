@@ -10,6 +10,7 @@
 #include <dbus/dbus.h>
 
 #include <memory>
+#include <optional>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -46,6 +47,19 @@ Message errorReply(DBusMessage *call, const core::Error &error);
 
 // An error message as an Error: its name and its first argument, if a text.
 core::Error errorOf(DBusMessage *errorMessage);
+
+// The header of a method call that arrived for one of our objects; a field
+// the message does not carry is empty. Nothing for other kinds of message.
+struct IncomingCall {
+    QString interface;
+    QString member;
+    QString signature;
+    QString sender;
+};
+std::optional<IncomingCall> incomingCall(DBusMessage *message);
+
+// What the bus library answers a call for which no method matches.
+core::Error unknownMethod(const IncomingCall &call);
 
 // Texts are decoded byte for byte (a leading U+FEFF stays). Numbers and
 // booleans keep their D-Bus type, so they convert as QVariant converts them.

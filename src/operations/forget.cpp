@@ -48,7 +48,7 @@ result::ResultDocument forget(const std::string &typedAddress) {
                                                   core::fromUtf8(typedAddress)));
     const core::Status removed = removeThroughBluez(address);
     if (removed || removeFromStore(address))
-        return result::simpleResult({});
+        return result::simpleResult(core::Status());
     const QString &message = removed.error().message;
     return result::simpleResult(
         core::failure(message.isEmpty() ? QStringLiteral("device not found") : message));

@@ -78,21 +78,12 @@ const std::array<AgentMethod, 9> agentMethods{{
      }},
 }};
 
-const AgentMethod *findMethod(const char *name) {
+const AgentMethod *findMethod(const QString &name) {
     for (const AgentMethod &method : agentMethods) {
-        if (qstrcmp(method.name, name) == 0)
+        if (name == QLatin1String(method.name))
             return &method;
     }
     return nullptr;
-}
-
-// What libdbus itself answers for a method it does not find.
-core::Error unknownMethod(DBusMessage *call) {
-    return core::failure(
-        QStringLiteral("Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist\n")
-            .arg(QString::fromUtf8(dbus_message_get_member(call)),
-                 QString::fromUtf8(dbus_message_get_signature(call)), bluez::names::agent),
-        QStringLiteral(DBUS_ERROR_UNKNOWN_METHOD));
 }
 
 core::Error notFromBluez() {
@@ -105,29 +96,28 @@ core::Error notFromBluez() {
 AgentAdaptor::AgentAdaptor(AgentPolicy &policy, OwnerLookup bluezOwner)
     : m_policy(policy), m_bluezOwner(std::move(bluezOwner)) {}
 
-bool AgentAdaptor::fromBluez(DBusMessage *call) const {
-    const char *sender = dbus_message_get_sender(call);
+bool AgentAdaptor::fromBluez(const QString &sender) const {
     const auto owner = m_bluezOwner();
-    return sender && owner && *owner == QLatin1String(sender);
+    return !sender.isEmpty() && owner && *owner == sender;
 }
 
-bluez::Message AgentAdaptor::handle(DBusMessage *call) {
-    if (dbus_message_get_type(call) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        bluez::names::agent != QLatin1String(dbus_message_get_interface(call)))
+bluez::Message AgentAdaptor::handle(DBusMessage *message) {
+    const auto call = bluez::incomingCall(message);
+    if (!call || call->interface != bluez::names::agent)
         return {};
-    const AgentMethod *method = findMethod(dbus_message_get_member(call));
+    const AgentMethod *method = findMethod(call->member);
     if (!method)
         return {};
     // Anyone on the bus can send to our unique name: a call that does not
     // come from BlueZ has no effect at all.
-    if (!fromBluez(call)) {
-        core::DbusTrace::debug("pairing: ignoring " + QByteArray(method->name) + " from " +
-                               QByteArray(dbus_message_get_sender(call)) + ", which is not BlueZ");
-        return bluez::errorReply(call, notFromBluez());
+    if (!fromBluez(call->sender)) {
+        core::DbusTrace::debug("pairing: ignoring " + call->member.toUtf8() + " from " +
+                               call->sender.toUtf8() + ", which is not BlueZ");
+        return bluez::errorReply(message, notFromBluez());
     }
-    if (!dbus_message_has_signature(call, method->signature))
-        return bluez::errorReply(call, unknownMethod(call));
-    return method->invoke(m_policy, call, bluez::readArguments(call));
+    if (call->signature != QLatin1String(method->signature))
+        return bluez::errorReply(message, bluez::unknownMethod(*call));
+    return method->invoke(m_policy, message, bluez::readArguments(message));
 }
 
 } // namespace kelvane::pairing

@@ -25,7 +25,7 @@ public:
     bluez::Message handle(DBusMessage *call);
 
 private:
-    bool fromBluez(DBusMessage *call) const;
+    bool fromBluez(const QString &sender) const;
 
     AgentPolicy &m_policy;
     OwnerLookup m_bluezOwner;

@@ -8,6 +8,7 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 
 #include <optional>
@@ -43,10 +44,6 @@ void PairingEventLog::logEvent(const QString &name, const QString &passkey) {
     const qint64 timestamp = QDateTime::currentDateTimeUtc().toSecsSinceEpoch();
     state().events.append(result::eventToJson(name, timestamp, state().device, passkey));
     writeFile();
-}
-
-QJsonArray PairingEventLog::events() {
-    return state().events;
 }
 
 void PairingEventLog::setFilePath(const QString &path) {

@@ -3,7 +3,6 @@
 #include "bluez/objectmap.h"
 #include "core/records.h"
 
-#include <QJsonArray>
 #include <QString>
 
 namespace kelvane::pairing {
@@ -24,8 +23,6 @@ public:
     // the file.
     static void logEvent(const QString &name, const QString &passkey = QString());
 
-    // The events logged so far, in order.
-    static QJsonArray events();
     // Tests point the file elsewhere; the tool always uses defaultFilePath.
     static void setFilePath(const QString &path);
 

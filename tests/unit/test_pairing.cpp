@@ -54,10 +54,10 @@ QJsonArray parseEventFile(const QString &path) {
     return QJsonDocument::fromJson(readFile(path)).array();
 }
 
-// The "passkey" members of the logged passkey events, in order.
-QStringList loggedPasskeys() {
+// The "passkey" members of the passkey events in the file, in order.
+QStringList loggedPasskeys(const QString &eventFile) {
     QStringList passkeys;
-    for (const QJsonValue &event : PairingEventLog::events()) {
+    for (const QJsonValue &event : parseEventFile(eventFile)) {
         if (event.toObject().value("event") == "passkey")
             passkeys << event.toObject().value("passkey").toString();
     }
@@ -214,16 +214,14 @@ private slots:
         QCOMPARE(given, answers);
         if (!lines.isEmpty())
             QCOMPARE(written, lines);
-        QCOMPARE(loggedPasskeys(), passkeys);
-        // Every event reached the file as well, not only the list.
-        QCOMPARE(parseEventFile(m_eventFile), PairingEventLog::events());
+        QCOMPARE(loggedPasskeys(m_eventFile), passkeys);
     }
 
     void refusesEveryDeviceBeforePairStarts() {
         AgentPolicy agent;
         QVERIFY(!agent.requestConfirmation(devicePath, 4711));
         QVERIFY(!agent.requestAuthorization(devicePath));
-        QCOMPARE(loggedPasskeys(), QStringList());
+        QCOMPARE(loggedPasskeys(m_eventFile), QStringList());
     }
 
     // What reaches the policy from the bus: BlueZ's calls with the exact
@@ -273,7 +271,7 @@ private slots:
         const bluez::Message call =
             agentCall(sender.constData(), method.constData(), device, extra.constData());
         QCOMPARE(describeReply(adaptor.handle(call.get())), reply);
-        QCOMPARE(loggedPasskeys(), passkeys);
+        QCOMPARE(loggedPasskeys(m_eventFile), passkeys);
     }
 
     void eventFile() {
@@ -294,7 +292,7 @@ private slots:
         // A reset forgets the events and the device.
         PairingEventLog::reset();
         PairingEventLog::logEvent("trusted");
-        QVERIFY(!PairingEventLog::events().at(0).toObject().contains("device"));
+        QVERIFY(!parseEventFile(m_eventFile).at(0).toObject().contains("device"));
     }
 
     void unwritableFileKeepsEvents() {
@@ -307,7 +305,10 @@ private slots:
         // Once the file can be written, it gets the complete list.
         QVERIFY(QDir().mkpath(missingDir));
         PairingEventLog::logEvent("trusted");
-        QCOMPARE(parseEventFile(path), PairingEventLog::events());
+        QStringList names;
+        for (const QJsonValue &event : parseEventFile(path))
+            names << event.toObject().value("event").toString();
+        QCOMPARE(names, QStringList({"passkey", "trusted"}));
     }
 
     void registrationWithoutBus() {
