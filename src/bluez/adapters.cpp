@@ -8,8 +8,6 @@
 
 namespace kelvane::bluez {
 
-namespace {
-
 core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &properties) {
     core::AdapterInfo adapter;
     adapter.path = core::toUtf8(path);
@@ -21,8 +19,6 @@ core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &
     adapter.discovering = properties.value(QStringLiteral("Discovering")).toBool();
     return adapter;
 }
-
-} // namespace
 
 int adapterIdFromPath(const QString &path) {
     if (!path.startsWith(names::adapterPathPrefix))
@@ -58,10 +54,10 @@ core::Expected<std::vector<core::AdapterInfo>> listAdapters() {
     return adapters;
 }
 
-core::Status ensureAdapterPowered(const QString &adapterPath, bool powered) {
-    if (powered)
+core::Status ensureAdapterPowered(const core::AdapterInfo &adapter) {
+    if (adapter.powered)
         return {};
-    return setPropertyTrue(adapterPath, names::adapter, QStringLiteral("Powered"));
+    return setPropertyTrue(core::fromUtf8(adapter.path), names::adapter, QStringLiteral("Powered"));
 }
 
 } // namespace kelvane::bluez

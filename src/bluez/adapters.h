@@ -10,6 +10,9 @@
 
 namespace kelvane::bluez {
 
+// The record of one org.bluez.Adapter1 object; tolerant of wrong types.
+core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &properties);
+
 // Every adapter with an address in the snapshot, in object-path order.
 std::vector<core::AdapterInfo> adaptersIn(const ManagedObjectMap &objects);
 
@@ -20,7 +23,7 @@ core::Expected<std::vector<core::AdapterInfo>> listAdapters();
 // N of "/org/bluez/hciN", or -1 for any other path.
 int adapterIdFromPath(const QString &path);
 
-// Powers the adapter on unless the snapshot said it is powered already.
-core::Status ensureAdapterPowered(const QString &adapterPath, bool powered);
+// Powers the adapter on unless its record says it is powered already.
+core::Status ensureAdapterPowered(const core::AdapterInfo &adapter);
 
 } // namespace kelvane::bluez

@@ -48,7 +48,7 @@ std::string adapterReport(const core::AdapterInfo &adapter, const QString &error
 core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInfo &adapter,
                                                           int seconds) {
     const QString path = core::fromUtf8(adapter.path);
-    if (const core::Status powered = bluez::ensureAdapterPowered(path, adapter.powered); !powered)
+    if (const core::Status powered = bluez::ensureAdapterPowered(adapter); !powered)
         return powered.error();
     if (const core::Status started = bluez::startDiscovery(path); !started)
         return started.error();

@@ -96,8 +96,8 @@ private:
         trace::debug("using adapter " + m_adapterPath.toUtf8());
         const bluez::PropertyMap adapter =
             bluez::interfaceProperties(objects, m_adapterPath, bluez::names::adapter);
-        const core::Status powered = bluez::ensureAdapterPowered(
-            m_adapterPath, adapter.value(QStringLiteral("Powered")).toBool());
+        const core::Status powered =
+            bluez::ensureAdapterPowered(bluez::adapterFromProperties(m_adapterPath, adapter));
         if (!powered)
             return powered;
         // Best effort: a non-pairable adapter makes Pair fail with a clear error of its own.
