@@ -1,32 +1,6 @@
 #include "app/commandline.h"
 
-#include <array>
-#include <utility>
-
 namespace kelvane::app {
-
-namespace {
-
-// Tried in this order; the first equal word wins.
-const std::array<std::pair<const char *, Command>, 7> dispatchTable{{
-    {"-e", Command::Scan},
-    {"-l", Command::List},
-    {"-r", Command::Restore},
-    {"-f", Command::Forget},
-    {"-p", Command::Pair},
-    {"-h", Command::Usage},
-    {"--help", Command::Usage},
-}};
-
-Command commandFor(const std::string &word) {
-    for (const auto &[text, command] : dispatchTable) {
-        if (word == text)
-            return command;
-    }
-    return Command::Unknown;
-}
-
-} // namespace
 
 ParsedCommandLine parseCommandLine(const std::vector<std::string> &words) {
     ParsedCommandLine parsed;
@@ -40,19 +14,17 @@ ParsedCommandLine parseCommandLine(const std::vector<std::string> &words) {
     if (arguments.empty())
         return parsed;
     parsed.word = arguments.front();
-    parsed.command = commandFor(parsed.word);
-    if (commandNeedsMac(parsed.command) && arguments.size() > 1)
+    if (parsed.word == "-h" || parsed.word == "--help")
+        return parsed;
+    parsed.command = findCommand(parsed.word);
+    if (!parsed.command) {
+        parsed.kind = ParsedCommandLine::Kind::Unknown;
+        return parsed;
+    }
+    parsed.kind = ParsedCommandLine::Kind::Operation;
+    if (parsed.command->needsMac && arguments.size() > 1)
         parsed.mac = arguments[1];
     return parsed;
-}
-
-bool commandNeedsMac(Command command) {
-    return command == Command::Forget || command == Command::Pair;
-}
-
-bool commandNeedsRoot(Command command) {
-    return command == Command::List || command == Command::Restore || command == Command::Forget ||
-           command == Command::Pair;
 }
 
 } // namespace kelvane::app

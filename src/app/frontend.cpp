@@ -1,130 +1,27 @@
 #include "app/frontend.h"
 
 #include "app/commandline.h"
-#include "bluez/adapters.h"
-#include "bluez/address.h"
 #include "core/trace.h"
-#include "core/utf8.h"
-#include "operations/forget.h"
-#include "operations/knowndevices.h"
-#include "operations/scan.h"
-#include "pairing/pair.h"
 #include "result/json.h"
 #include "storage/backup.h"
-#include "storage/forgetstored.h"
 #include "storage/lock.h"
 #include "storage/paths.h"
 
-#include <QCoreApplication>
+#include <QtGlobal>
 
+#include <clocale>
 #include <cstdio>
+#include <optional>
 #include <unistd.h>
 
 namespace kelvane::app {
 
 namespace {
 
-using result::simpleResult;
-using result::writeResultLine;
-
 void writeError(const std::string &text) {
     const std::string line = "error: " + text + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
-}
-
-int printSimpleResult(bool success, const std::string &message) {
-    writeResultLine(simpleResult(success, message));
-    return success ? 0 : 1;
-}
-
-// One run at a time changes the store, its backup and the event file; what
-// a killed run left half done is settled before anything else reads them.
-template <typename Operation> int underStoreLock(Operation operation) {
-    const core::Expected<storage::StoreLock> lock =
-        storage::lockStore(storage::lockFile, storage::lockWaitBound);
-    if (!lock)
-        return printSimpleResult(false, core::toUtf8(lock.error().message));
-    storage::recoverInterruptedCopies();
-    return operation();
-}
-
-int runRestore() {
-    return underStoreLock([] {
-        const core::Status restored = storage::restoreBackup();
-        return printSimpleResult(restored.ok(),
-                                 restored ? std::string() : core::toUtf8(restored.error().message));
-    });
-}
-
-int invalidAddress(const std::string &typed) {
-    return printSimpleResult(false, "invalid Bluetooth address: " + typed);
-}
-
-// The address is read once: trimmed and normalised, the same form goes to
-// BlueZ and to the store, and a word that is no address deletes nothing.
-int runForget(const std::string &mac) {
-    const QString address = bluez::normalizeAddress(core::fromUtf8(mac).trimmed());
-    if (!bluez::isValidAddress(address))
-        return invalidAddress(mac);
-    return underStoreLock([&] {
-        std::string error;
-        if (operations::forgetDevice(error, core::toUtf8(address)) ||
-            storage::forgetStoredDevice(address, nullptr, storage::storeRoot)) {
-            saveBluetoothConfig();
-            return printSimpleResult(true, std::string());
-        }
-        return printSimpleResult(false, error.empty() ? std::string("device not found") : error);
-    });
-}
-
-constexpr int scanSeconds = 10;
-
-std::string adapterReport(const core::AdapterInfo &adapter, const std::string &error) {
-    return "adapter " + std::to_string(adapter.id) + ": " + error;
-}
-
-int runScan() {
-    result::ResultDocument document;
-    std::string error;
-    const std::vector<core::AdapterInfo> adapters = bluez::listAdapters(error);
-    if (adapters.empty()) {
-        document.setStatus(result::ResultStatus::Error);
-        document.setError(error);
-        writeResultLine(result::resultToJson(document));
-        return 1;
-    }
-    document.setAdapters(adapters);
-    for (const core::AdapterInfo &adapter : adapters) {
-        const std::vector<core::DeviceInfo> devices =
-            operations::scanAdapter(adapter.path, error, scanSeconds);
-        if (devices.empty() && !error.empty()) {
-            document.setStatus(result::ResultStatus::Partial);
-            document.setError(document.error().empty()
-                                  ? adapterReport(adapter, error)
-                                  : document.error() + "; " + adapterReport(adapter, error));
-            continue;
-        }
-        document.mergeDevices(devices);
-    }
-    writeResultLine(result::resultToJson(document));
-    return document.status() == result::ResultStatus::Error ? 1 : 0;
-}
-
-// Unlike forget, the result line comes before the backup: the caller learns
-// the outcome without waiting for the copy.
-int runPair(const std::string &mac) {
-    // Checked before waiting for the lock: a typo need not wait for another run.
-    if (!bluez::isValidAddress(bluez::normalizeAddress(core::fromUtf8(mac))))
-        return invalidAddress(mac);
-    return underStoreLock([&] {
-        std::string error;
-        if (!pairing::pairTrustConnect(mac, error))
-            return printSimpleResult(false, error);
-        printSimpleResult(true, std::string());
-        saveBluetoothConfig();
-        return 0;
-    });
 }
 
 // Qt's own warnings (a daemon sending odd types, say) must never reach the
@@ -133,41 +30,59 @@ void routeQtMessages(QtMsgType, const QMessageLogContext &, const QString &messa
     core::DbusTrace::debug("qt: " + message.toUtf8());
 }
 
+int printFailure(const core::Error &error) {
+    result::writeResultLine(result::resultToJson(result::simpleResult(error)));
+    return 1;
+}
+
+int runOperation(const Command &command, const std::string &mac) {
+    // A malformed argument fails at once, without waiting for another run.
+    if (command.check) {
+        if (const core::Status checked = command.check(mac); !checked)
+            return printFailure(checked.error());
+    }
+    // One run at a time changes the store, its backup and the event file;
+    // what a killed run left half done is settled before anything reads them.
+    std::optional<storage::StoreLock> lock;
+    if (command.needsStoreLock) {
+        core::Expected<storage::StoreLock> taken =
+            storage::lockStore(storage::lockFile, storage::lockWaitBound);
+        if (!taken)
+            return printFailure(taken.error());
+        lock.emplace(std::move(*taken));
+        storage::recoverInterruptedCopies();
+    }
+    const result::ResultDocument document = command.run(mac);
+    const bool succeeded = document.status() != result::ResultStatus::Error;
+    if (succeeded && command.backup == BackupSave::BeforePrinting)
+        saveBluetoothConfig();
+    result::writeResultLine(result::resultToJson(document));
+    if (succeeded && command.backup == BackupSave::AfterPrinting)
+        saveBluetoothConfig();
+    return succeeded ? 0 : 1;
+}
+
 int dispatch(const ParsedCommandLine &parsed, const std::string &invocationName) {
-    switch (parsed.command) {
-    case Command::Usage:
+    switch (parsed.kind) {
+    case ParsedCommandLine::Kind::Usage:
         printUsage(invocationName);
         return 0;
-    case Command::Unknown:
+    case ParsedCommandLine::Kind::Unknown:
         writeError("unknown option: " + parsed.word);
         printUsage(invocationName);
         return 1;
-    default:
+    case ParsedCommandLine::Kind::Operation:
         break;
     }
-    if (commandNeedsMac(parsed.command) && !parsed.mac) {
+    const Command &command = *parsed.command;
+    if (command.needsMac && !parsed.mac) {
         writeError(parsed.word + " requires a Bluetooth MAC address");
         printUsage(invocationName);
         return 1;
     }
-    if (commandNeedsRoot(parsed.command) && !requireRoot(parsed.word))
+    if (command.needsRoot && !requireRoot(parsed.word))
         return 1;
-    switch (parsed.command) {
-    case Command::Scan:
-        return runScan();
-    case Command::List:
-        return operations::listKnownDevices();
-    case Command::Restore:
-        return runRestore();
-    case Command::Forget:
-        return runForget(*parsed.mac);
-    case Command::Pair:
-        return runPair(*parsed.mac);
-    case Command::Usage:
-    case Command::Unknown:
-        break; // answered before the checks
-    }
-    return 1;
+    return runOperation(command, parsed.mac.value_or(std::string()));
 }
 
 } // namespace
@@ -206,18 +121,15 @@ void saveBluetoothConfig() {
                                saved.error().message.toUtf8());
 }
 
-int runFrontEnd(int argc, char **argv) {
+int runFrontEnd(const std::string &invocationName, const std::vector<std::string> &words) {
     qInstallMessageHandler(routeQtMessages);
-    QCoreApplication application(argc, argv);
-    // Taken from argv rather than QCoreApplication::arguments(): the words are
-    // compared as bytes, whatever the locale's codec makes of them.
-    std::vector<std::string> words;
-    for (int i = 1; i < argc; ++i)
-        words.emplace_back(argv[i]);
+    // What QCoreApplication would do, and nothing needs one otherwise: file
+    // names are encoded in the locale's character set.
+    std::setlocale(LC_ALL, "");
     const ParsedCommandLine parsed = parseCommandLine(words);
     if (parsed.trace)
         core::DbusTrace::setEnabled(true);
-    return dispatch(parsed, argc > 0 ? std::string(argv[0]) : std::string());
+    return dispatch(parsed, invocationName);
 }
 
 } // namespace kelvane::app

@@ -1,12 +1,13 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace kelvane::app {
 
-// The whole program: parses the words, runs one operation, prints at most
-// one result line and returns the exit status. main() only calls this.
-int runFrontEnd(int argc, char **argv);
+// The whole program after main() has taken its words: runs one operation,
+// prints at most one result line and returns the exit status.
+int runFrontEnd(const std::string &invocationName, const std::vector<std::string> &words);
 
 void printUsage(const std::string &invocationName);
 

@@ -2,15 +2,11 @@
 
 #include "bluez/names.h"
 #include "bluez/properties.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
 
-#include <QDBusConnection>
-#include <QDBusInterface>
-
 namespace kelvane::bluez {
-
-namespace {
 
 core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &properties) {
     core::AdapterInfo adapter;
@@ -23,8 +19,6 @@ core::AdapterInfo adapterFromProperties(const QString &path, const PropertyMap &
     adapter.discovering = properties.value(QStringLiteral("Discovering")).toBool();
     return adapter;
 }
-
-} // namespace
 
 int adapterIdFromPath(const QString &path) {
     if (!path.startsWith(names::adapterPathPrefix))
@@ -40,34 +34,30 @@ int adapterIdFromPath(const QString &path) {
     return ok ? id : -1;
 }
 
-std::vector<core::AdapterInfo> listAdapters(std::string &error) {
-    error.clear();
-    QString snapshotError;
-    const ManagedObjectMap objects = loadManagedObjects(&snapshotError);
+std::vector<core::AdapterInfo> adaptersIn(const ManagedObjectMap &objects) {
     std::vector<core::AdapterInfo> adapters;
-    for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-        const PropertyMap properties = it.value().value(names::adapter);
-        if (properties.isEmpty())
-            continue;
-        core::AdapterInfo adapter = adapterFromProperties(it.key().path(), properties);
+    for (const auto &[path, properties] : objectsWith(objects, names::adapter)) {
+        core::AdapterInfo adapter = adapterFromProperties(path, properties);
         if (!adapter.address.empty())
             adapters.push_back(std::move(adapter));
     }
-    if (adapters.empty())
-        error = snapshotError.isEmpty() ? std::string("no Bluetooth adapters found")
-                                        : core::toUtf8(snapshotError);
     return adapters;
 }
 
-bool ensureAdapterPowered(const QString &adapterPath, QString &error) {
-    QDBusInterface proxy(names::service, adapterPath, names::adapter, QDBusConnection::systemBus());
-    if (!proxyFound(proxy)) {
-        error = QStringLiteral("adapter not found: %1").arg(adapterPath);
-        return false;
-    }
-    if (readProxyProperty(proxy, "Powered").toBool())
-        return true;
-    return setPropertyTrue(adapterPath, names::adapter, QStringLiteral("Powered"), &error);
+core::Expected<std::vector<core::AdapterInfo>> listAdapters() {
+    const auto objects = loadManagedObjects();
+    if (!objects)
+        return objects.error();
+    std::vector<core::AdapterInfo> adapters = adaptersIn(*objects);
+    if (adapters.empty())
+        return core::failure(QStringLiteral("no Bluetooth adapters found"));
+    return adapters;
+}
+
+core::Status ensureAdapterPowered(const core::AdapterInfo &adapter) {
+    if (adapter.powered)
+        return {};
+    return setPropertyTrue(core::fromUtf8(adapter.path), names::adapter, QStringLiteral("Powered"));
 }
 
 } // namespace kelvane::bluez

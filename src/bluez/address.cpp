@@ -15,4 +15,8 @@ bool isValidAddress(const QString &address) {
     return pattern.match(address).hasMatch();
 }
 
+bool sameAddress(const QString &a, const QString &b) {
+    return normalizeAddress(a.trimmed()) == normalizeAddress(b.trimmed());
+}
+
 } // namespace kelvane::bluez

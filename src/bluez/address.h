@@ -10,4 +10,9 @@ QString normalizeAddress(const QString &address);
 // XX:XX:XX:XX:XX:XX with upper-case hexadecimal digits, nothing around it.
 bool isValidAddress(const QString &address);
 
+// The one rule for "the same device address", wherever two addresses meet
+// (typed, reported by BlueZ, named by the store): equal once surrounding
+// blanks are dropped and both are normalised.
+bool sameAddress(const QString &a, const QString &b);
+
 } // namespace kelvane::bluez

@@ -1,7 +1,7 @@
 #include "bluez/devices.h"
 
-#include "bluez/address.h"
 #include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
 
@@ -41,7 +41,7 @@ core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &pr
     device.classOfDevice = unsignedProperty<std::uint32_t>(properties, "Class");
     device.appearance = unsignedProperty<std::uint16_t>(properties, "Appearance");
     const QVariant uuids = properties.value(QStringLiteral("UUIDs"));
-    // An array of anything but strings arrives as a QDBusArgument and converts to nothing.
+    // An array of anything but strings arrives opaque and converts to nothing.
     for (const QString &uuid : uuids.toStringList())
         device.uuids.push_back(core::toUtf8(uuid));
     const QVariant rssi = properties.value(QStringLiteral("RSSI"));
@@ -50,34 +50,21 @@ core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &pr
     return device;
 }
 
-QString findDevicePathByAddress(const ManagedObjectMap &objects, const QString &address) {
-    const QString wanted = normalizeAddress(address);
-    for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-        const PropertyMap properties = it.value().value(names::device);
-        if (properties.isEmpty())
-            continue;
-        if (normalizeAddress(properties.value(QStringLiteral("Address")).toString()) == wanted)
-            return it.key().path();
+std::vector<core::DeviceInfo> devicesWithAddress(const ObjectProperties &devices) {
+    std::vector<core::DeviceInfo> records;
+    for (const auto &[path, properties] : devices) {
+        core::DeviceInfo device = deviceFromProperties(path, properties);
+        if (!device.address.empty())
+            records.push_back(std::move(device));
     }
-    return QString();
+    return records;
 }
 
-std::vector<core::DeviceInfo> listLiveDevices(std::string &error) {
-    error.clear();
-    QString snapshotError;
-    const ManagedObjectMap objects = loadManagedObjects(&snapshotError);
-    std::vector<core::DeviceInfo> devices;
-    for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-        const PropertyMap properties = it.value().value(names::device);
-        if (properties.isEmpty())
-            continue;
-        core::DeviceInfo device = deviceFromProperties(it.key().path(), properties);
-        if (!device.address.empty())
-            devices.push_back(std::move(device));
-    }
-    if (devices.empty())
-        error = core::toUtf8(snapshotError);
-    return devices;
+core::Expected<std::vector<core::DeviceInfo>> listLiveDevices() {
+    const auto objects = loadManagedObjects();
+    if (!objects)
+        return objects.error();
+    return devicesWithAddress(objectsWith(*objects, names::device));
 }
 
 } // namespace kelvane::bluez

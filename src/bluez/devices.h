@@ -1,11 +1,12 @@
 #pragma once
 
-#include "bluez/dbustypes.h"
+#include "bluez/objectmap.h"
+#include "bluez/queries.h"
+#include "core/expected.h"
 #include "core/records.h"
 
 #include <QString>
 
-#include <string>
 #include <vector>
 
 namespace kelvane::bluez {
@@ -13,11 +14,11 @@ namespace kelvane::bluez {
 // A record from an org.bluez.Device1 property map; tolerant of wrong types.
 core::DeviceInfo deviceFromProperties(const QString &path, const PropertyMap &properties);
 
-// Object path of the first device (in path order) whose normalised Address
-// equals the normalised `address`; empty when none.
-QString findDevicePathByAddress(const ManagedObjectMap &objects, const QString &address);
+// The records of the given device objects that have an address, in order.
+std::vector<core::DeviceInfo> devicesWithAddress(const ObjectProperties &devices);
 
-// Every device BlueZ has right now, in object-path order.
-std::vector<core::DeviceInfo> listLiveDevices(std::string &error);
+// Every device BlueZ has right now, in object-path order; fails with the
+// snapshot's error.
+core::Expected<std::vector<core::DeviceInfo>> listLiveDevices();
 
 } // namespace kelvane::bluez

@@ -1,15 +1,17 @@
 #pragma once
 
+#include "core/expected.h"
+
 #include <QString>
 
 namespace kelvane::bluez {
 
 // SetDiscoveryFilter(Transport=auto), then StartDiscovery.
-bool startDiscovery(const QString &adapterPath, QString &error);
+core::Status startDiscovery(const QString &adapterPath);
 
 // Best effort: the outcome is only traced.
 void stopDiscovery(const QString &adapterPath);
 
-bool removeDevice(const QString &adapterPath, const QString &devicePath, QString *error = nullptr);
+core::Status removeDevice(const QString &adapterPath, const QString &devicePath);
 
 } // namespace kelvane::bluez

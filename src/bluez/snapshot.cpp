@@ -1,102 +1,83 @@
 #include "bluez/snapshot.h"
 
+#include "bluez/call.h"
 #include "bluez/names.h"
 #include "bluez/properties.h"
 #include "core/trace.h"
 
-#include <QDBusArgument>
-#include <QDBusConnection>
-#include <QDBusInterface>
-#include <QDBusMessage>
+#include <vector>
 
 namespace kelvane::bluez {
 
-namespace DbusTrace = core::DbusTrace;
-
 namespace {
 
-const QString getManagedObjects = QStringLiteral("GetManagedObjects");
 constexpr int adapterProbeCount = 16;
 
-// A daemon that answers with the wrong signature yields an empty map rather
-// than whatever QDBusArgument makes of a type mismatch.
-ManagedObjectMap demarshalObjects(const QDBusMessage &reply) {
-    ManagedObjectMap objects;
-    if (reply.arguments().isEmpty())
-        return objects;
-    const QVariant first = reply.arguments().constFirst();
-    if (!first.canConvert<QDBusArgument>())
-        return objects;
-    const QDBusArgument argument = first.value<QDBusArgument>();
-    if (argument.currentSignature() != QLatin1String("a{oa{sa{sv}}}"))
-        return objects;
-    argument >> objects;
-    return objects;
+core::Expected<ManagedObjectMap> fetchManagedObjects(const QString &path, Tracing tracing) {
+    const auto reply =
+        callBluez({path, names::objectManager, QStringLiteral("GetManagedObjects")}, tracing);
+    if (!reply)
+        return reply.error();
+    return readManagedObjects(reply->get());
 }
 
-// The last resort when no object manager answers: introspect hci0..hci15.
+// The last resort when no object manager answers. A probe finds adapters
+// only, with the five properties an adapter record needs.
 ManagedObjectMap probeAdapters() {
-    static const char *const adapterProperties[] = {"Address", "Name", "Alias", "Powered",
-                                                    "Discovering"};
+    static const char *const probed[] = {"Address", "Name", "Alias", "Powered", "Discovering"};
     ManagedObjectMap objects;
     for (int i = 0; i < adapterProbeCount; ++i) {
         const QString path = names::adapterPathPrefix + QString::number(i);
-        // Asked before the proxy exists, so a missing path costs one call.
-        if (!bluezObjectDeclares(path, names::adapter))
+        const auto all = readAllProperties(path, names::adapter);
+        if (!all && endsFallbackChain(all.error()))
+            break;
+        if (!all)
             continue;
-        QDBusInterface proxy(names::service, path, names::adapter, QDBusConnection::systemBus());
         PropertyMap properties;
-        for (const char *name : adapterProperties)
-            properties.insert(QLatin1String(name), readProxyProperty(proxy, name));
-        objects[QDBusObjectPath(path)].insert(names::adapter, properties);
+        for (const char *name : probed)
+            properties.insert(QLatin1String(name), all->value(QLatin1String(name)));
+        objects[path].insert(names::adapter, properties);
     }
     return objects;
+}
+
+bool chainEnded(const std::vector<core::Error> &failures) {
+    return !failures.empty() && endsFallbackChain(failures.back());
+}
+
+core::Error firstReported(const std::vector<core::Error> &failures) {
+    for (const core::Error &failure : failures) {
+        if (!failure.message.isEmpty())
+            return failure;
+    }
+    return core::failure(QStringLiteral("no BlueZ objects found"));
 }
 
 } // namespace
 
-ManagedObjectMap fetchManagedObjects(const QString &path, QString &error, bool quiet) {
-    registerDbusTypes();
-    DbusTrace::call(names::service, path, names::objectManager, getManagedObjects, QString());
-    const QDBusMessage message = QDBusMessage::createMethodCall(
-        names::service, path, names::objectManager, getManagedObjects);
-    const QDBusMessage reply = QDBusConnection::systemBus().call(message, QDBus::Block, -1);
-    if (reply.type() != QDBusMessage::ReplyMessage) {
-        if (quiet)
-            DbusTrace::debug("GetManagedObjects unavailable at " + path.toUtf8());
-        else
-            DbusTrace::reply(getManagedObjects, false, reply.errorMessage());
-        error = reply.errorMessage();
-        return {};
+core::Expected<ManagedObjectMap> loadManagedObjects() {
+    std::vector<core::Error> failures;
+    const auto atRoot = fetchManagedObjects(QStringLiteral("/"), Tracing::Traced);
+    if (atRoot && !atRoot->isEmpty())
+        return *atRoot;
+    if (!atRoot)
+        failures.push_back(atRoot.error());
+
+    if (!chainEnded(failures)) {
+        const auto belowBluez = fetchManagedObjects(names::bluezRoot, Tracing::FailureAsNote);
+        if (belowBluez && !belowBluez->isEmpty())
+            return *belowBluez;
+        if (!belowBluez) {
+            core::DbusTrace::debug("GetManagedObjects unavailable at " + names::bluezRoot.toUtf8());
+            failures.push_back(belowBluez.error());
+        }
     }
-    DbusTrace::reply(getManagedObjects, true, QString());
-    return demarshalObjects(reply);
-}
-
-ManagedObjectMap loadManagedObjects(QString *error) {
-    QString rootError;
-    ManagedObjectMap objects = fetchManagedObjects(QStringLiteral("/"), rootError, false);
-    if (!objects.isEmpty()) {
-        if (error)
-            error->clear();
-        return objects;
+    if (!chainEnded(failures)) {
+        ManagedObjectMap probed = probeAdapters();
+        if (!probed.isEmpty())
+            return probed;
     }
-    QString bluezError;
-    objects = fetchManagedObjects(names::bluezRoot, bluezError, true);
-    if (objects.isEmpty() && error)
-        *error = !rootError.isEmpty() ? rootError : bluezError;
-    if (!objects.isEmpty())
-        return objects;
-
-    objects = probeAdapters();
-    if (objects.isEmpty() && error && error->isEmpty())
-        *error = !rootError.isEmpty() ? rootError : QStringLiteral("no BlueZ objects found");
-    return objects;
-}
-
-PropertyMap interfaceProperties(const ManagedObjectMap &objects, const QString &path,
-                                const QString &interface) {
-    return objects.value(QDBusObjectPath(path)).value(interface);
+    return firstReported(failures);
 }
 
 } // namespace kelvane::bluez

@@ -1,21 +1,15 @@
 #pragma once
 
-#include "bluez/dbustypes.h"
-
-#include <QString>
+#include "bluez/objectmap.h"
+#include "core/expected.h"
 
 namespace kelvane::bluez {
 
-// One GetManagedObjects call on `path`. On failure `error` receives the bus
-// error text; `quiet` traces the failure as a debug note instead of an outcome.
-ManagedObjectMap fetchManagedObjects(const QString &path, QString &error, bool quiet);
-
-// BlueZ's object tree: "/" first, then "/org/bluez", then probing the adapter
-// paths hci0..hci15. An empty result comes with the first useful error text.
-ManagedObjectMap loadManagedObjects(QString *error = nullptr);
-
-// Value-or-empty lookup of one interface's properties in a snapshot.
-PropertyMap interfaceProperties(const ManagedObjectMap &objects, const QString &path,
-                                const QString &interface);
+// BlueZ's object tree, taken now: GetManagedObjects at "/", then at
+// "/org/bluez", then the adapters hci0..hci15 asked one by one. Never empty:
+// without objects it fails with the first error worth reporting, else
+// "no BlueZ objects found". A chain that cannot succeed (BlueZ has no owner
+// or does not answer) is not asked to the end.
+core::Expected<ManagedObjectMap> loadManagedObjects();
 
 } // namespace kelvane::bluez

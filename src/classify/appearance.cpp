@@ -75,18 +75,4 @@ QString iconNameForAppearance(const std::optional<std::uint16_t> &appearance) {
     }
 }
 
-void writeAppearanceFields(QJsonObject &device, const std::optional<std::uint16_t> &appearance) {
-    device.insert(QStringLiteral("icon-name"), iconNameForAppearance(appearance));
-    if (!appearance) {
-        device.insert(QStringLiteral("appearance"), QJsonValue(QJsonValue::Null));
-        device.insert(QStringLiteral("appearance_description"), QJsonValue(QJsonValue::Null));
-        return;
-    }
-    device.insert(QStringLiteral("appearance"), static_cast<int>(*appearance));
-    // A null QString would become JSON null; an unnamed appearance is "".
-    const QString description = appearanceDescription(*appearance);
-    device.insert(QStringLiteral("appearance_description"),
-                  description.isNull() ? QStringLiteral("") : description);
-}
-
 } // namespace kelvane::classify

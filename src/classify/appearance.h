@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QJsonObject>
 #include <QString>
 
 #include <cstdint>
@@ -13,8 +12,5 @@ QString appearanceDescription(std::uint16_t appearance);
 
 // A freedesktop-style icon name derived from the appearance alone; never empty.
 QString iconNameForAppearance(const std::optional<std::uint16_t> &appearance);
-
-// Writes "icon-name", "appearance" and "appearance_description".
-void writeAppearanceFields(QJsonObject &device, const std::optional<std::uint16_t> &appearance);
 
 } // namespace kelvane::classify

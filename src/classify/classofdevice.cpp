@@ -1,7 +1,5 @@
 #include "classify/classofdevice.h"
 
-#include <QString>
-
 #include <array>
 #include <utility>
 
@@ -192,17 +190,6 @@ QByteArray describeClassOfDevice(ClassOfDevice cod) {
     if (!services.isEmpty())
         text += " (" + services + ")";
     return text;
-}
-
-void writeClassFields(QJsonObject &device, const std::optional<std::uint32_t> &classOfDevice) {
-    if (!classOfDevice) {
-        device.insert(QStringLiteral("class_of_device"), QJsonValue(QJsonValue::Null));
-        device.insert(QStringLiteral("class"), QJsonValue(QJsonValue::Null));
-        return;
-    }
-    device.insert(QStringLiteral("class_of_device"), static_cast<qint64>(*classOfDevice));
-    device.insert(QStringLiteral("class"),
-                  QString::fromUtf8(describeClassOfDevice(ClassOfDevice(*classOfDevice))));
 }
 
 } // namespace kelvane::classify

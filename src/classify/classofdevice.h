@@ -1,10 +1,8 @@
 #pragma once
 
 #include <QByteArray>
-#include <QJsonObject>
 
 #include <cstdint>
-#include <optional>
 
 namespace kelvane::classify {
 
@@ -22,9 +20,5 @@ QByteArray majorDeviceClassName(ClassOfDevice cod);
 QByteArray minorDeviceClassName(ClassOfDevice cod);
 QByteArray serviceClassNames(ClassOfDevice cod);
 QByteArray describeClassOfDevice(ClassOfDevice cod);
-
-// Writes "class_of_device" (the value as stored) and "class" (its text), or
-// null for both when the device reports no class.
-void writeClassFields(QJsonObject &device, const std::optional<std::uint32_t> &classOfDevice);
 
 } // namespace kelvane::classify

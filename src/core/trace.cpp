@@ -20,10 +20,6 @@ void setEnabled(bool on) {
     enabled = on;
 }
 
-bool isEnabled() {
-    return enabled;
-}
-
 void debug(const QByteArray &text) {
     if (!enabled)
         return;

@@ -7,7 +7,6 @@
 namespace kelvane::core::DbusTrace {
 
 void setEnabled(bool on);
-bool isEnabled();
 
 // "debug: <text>"
 void debug(const QByteArray &text);

@@ -1,7 +1,7 @@
 #include "operations/knowndevices.h"
 
+#include "bluez/address.h"
 #include "bluez/devices.h"
-#include "result/json.h"
 #include "core/utf8.h"
 #include "storage/paths.h"
 #include "storage/storelisting.h"
@@ -16,9 +16,8 @@ using core::DeviceInfo;
 using storage::StoredDevice;
 
 const DeviceInfo *livePartner(const std::vector<DeviceInfo> &live, const QString &storedAddress) {
-    const QString wanted = storedAddress.trimmed();
     for (const DeviceInfo &device : live) {
-        if (core::fromUtf8(device.address).compare(wanted, Qt::CaseInsensitive) == 0)
+        if (bluez::sameAddress(core::fromUtf8(device.address), storedAddress))
             return &device;
     }
     return nullptr;
@@ -62,25 +61,24 @@ std::vector<core::AdapterInfo> storedAdapters(const std::vector<StoredDevice> &s
 
 } // namespace
 
-int listKnownDevices() {
-    std::string liveError;
-    const std::vector<DeviceInfo> live = bluez::listLiveDevices(liveError);
+result::ResultDocument listKnownDevices() {
+    const auto live = bluez::listLiveDevices();
+    const std::vector<DeviceInfo> liveDevices = live ? *live : std::vector<DeviceInfo>();
     const std::vector<StoredDevice> stored = storage::listStoredDevices(storage::storeRoot);
 
     std::vector<DeviceInfo> known;
     known.reserve(stored.size());
     for (const StoredDevice &device : stored)
-        known.push_back(knownDevice(device, live));
+        known.push_back(knownDevice(device, liveDevices));
 
     result::ResultDocument document;
     document.mergeDevices(known);
-    if (!stored.empty() && live.empty() && !liveError.empty()) {
-        document.setStatus(result::ResultStatus::Partial);
-        document.setError("could not query live device state: " + liveError);
-    }
+    // Without live state the stored devices are still worth listing.
+    if (!stored.empty() && !live)
+        document.addPartialFailure("could not query live device state: " +
+                                   core::toUtf8(live.error().message));
     document.setAdapters(storedAdapters(stored));
-    result::writeResultLine(result::resultToJson(document));
-    return document.status() == result::ResultStatus::Error ? 1 : 0;
+    return document;
 }
 
 } // namespace kelvane::operations

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "result/resultdocument.h"
+
 namespace kelvane::operations {
 
-// The -l operation: stored devices enriched with their live state. Prints its
-// own result line and returns the exit status.
-int listKnownDevices();
+// The -l operation: stored devices enriched with their live state, and the
+// adapters the store names.
+result::ResultDocument listKnownDevices();
 
 } // namespace kelvane::operations

@@ -3,9 +3,8 @@
 #include "bluez/adapters.h"
 #include "bluez/devices.h"
 #include "bluez/discovery.h"
-#include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
-#include "result/resultdocument.h"
 #include "core/utf8.h"
 
 #include <QThread>
@@ -16,26 +15,14 @@ namespace kelvane::operations {
 
 namespace {
 
-// "/org/bluez/hci1/" keeps hci10's devices out of hci1's scan.
-bool belongsToAdapter(const QString &objectPath, const QString &adapterPath) {
-    return objectPath.startsWith(adapterPath + QLatin1Char('/')) &&
-           objectPath.contains(QLatin1String("/dev_"));
-}
+constexpr int scanSeconds = 10;
 
+// A snapshot that fails contributes nothing to its poll.
 std::vector<core::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
-    std::vector<core::DeviceInfo> devices;
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
-    for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-        if (!belongsToAdapter(it.key().path(), adapterPath))
-            continue;
-        const bluez::PropertyMap properties = it.value().value(bluez::names::device);
-        if (properties.isEmpty())
-            continue;
-        core::DeviceInfo device = bluez::deviceFromProperties(it.key().path(), properties);
-        if (!device.address.empty())
-            devices.push_back(std::move(device));
-    }
-    return devices;
+    const auto objects = bluez::loadManagedObjects();
+    if (!objects)
+        return {};
+    return bluez::devicesWithAddress(bluez::devicesUnder(*objects, adapterPath));
 }
 
 // Unlike the result document's merge, the latest poll always wins here: a scan
@@ -52,21 +39,19 @@ void mergeLatest(std::vector<core::DeviceInfo> &seen, std::vector<core::DeviceIn
     }
 }
 
+std::string adapterReport(const core::AdapterInfo &adapter, const QString &error) {
+    return "adapter " + std::to_string(adapter.id) + ": " + core::toUtf8(error);
+}
+
 } // namespace
 
-std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::string &error,
-                                            int seconds) {
-    error.clear();
-    const QString path = core::fromUtf8(adapterPath);
-    if (path.isEmpty()) {
-        error = "invalid adapter path";
-        return {};
-    }
-    QString stepError;
-    if (!bluez::ensureAdapterPowered(path, stepError) || !bluez::startDiscovery(path, stepError)) {
-        error = core::toUtf8(stepError);
-        return {};
-    }
+core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInfo &adapter,
+                                                          int seconds) {
+    const QString path = core::fromUtf8(adapter.path);
+    if (const core::Status powered = bluez::ensureAdapterPowered(adapter); !powered)
+        return powered.error();
+    if (const core::Status started = bluez::startDiscovery(path); !started)
+        return started.error();
     std::vector<core::DeviceInfo> seen;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
@@ -75,6 +60,22 @@ std::vector<core::DeviceInfo> scanAdapter(const std::string &adapterPath, std::s
     bluez::stopDiscovery(path);
     std::sort(seen.begin(), seen.end(), result::deviceSortsBefore);
     return seen;
+}
+
+result::ResultDocument scan() {
+    const auto adapters = bluez::listAdapters();
+    if (!adapters)
+        return result::simpleResult(adapters.error());
+    result::ResultDocument document;
+    document.setAdapters(*adapters);
+    for (const core::AdapterInfo &adapter : *adapters) {
+        const auto devices = scanAdapter(adapter, scanSeconds);
+        if (devices)
+            document.mergeDevices(*devices);
+        else
+            document.addPartialFailure(adapterReport(adapter, devices.error().message));
+    }
+    return document;
 }
 
 } // namespace kelvane::operations

@@ -2,112 +2,122 @@
 
 #include "bluez/names.h"
 #include "core/trace.h"
-#include "pairing/eventlog.h"
 
-#include <QJsonObject>
+#include <array>
 
 namespace kelvane::pairing {
 
-namespace trace = core::DbusTrace;
-
 namespace {
 
-// Read and written only on the main thread (the agent's callbacks run there).
-QString reportedPasskey;
+using Arguments = std::vector<QVariant>;
+using bluez::Message;
 
-void incoming(const QString &path, const char *method, const QString &args = QString()) {
-    trace::incoming(path, bluez::names::agent, QLatin1String(method), args);
+QString pathAt(const Arguments &arguments, size_t index) {
+    return arguments.at(index).value<bluez::ObjectPath>().path;
+}
+
+Message replyTo(DBusMessage *call, const core::Status &status) {
+    return status ? bluez::methodReturn(call, {}) : bluez::errorReply(call, status.error());
+}
+
+template <typename T> Message replyTo(DBusMessage *call, const core::Expected<T> &value) {
+    return value ? bluez::methodReturn(call, {*value}) : bluez::errorReply(call, value.error());
+}
+
+// One method of org.bluez.Agent1: its name, its argument signature, and
+// how the call reaches the policy. The arguments have the signature's types.
+struct AgentMethod {
+    const char *name;
+    const char *signature;
+    Message (*invoke)(AgentPolicy &policy, DBusMessage *call, const Arguments &arguments);
+};
+
+const std::array<AgentMethod, 9> agentMethods{{
+    {"Release", "",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &) {
+         policy.release();
+         return replyTo(call, core::Status());
+     }},
+    {"RequestPinCode", "o",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call, policy.requestPinCode(pathAt(arguments, 0)));
+     }},
+    {"DisplayPinCode", "os",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call,
+                        policy.displayPinCode(pathAt(arguments, 0), arguments.at(1).toString()));
+     }},
+    {"RequestPasskey", "o",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call, policy.requestPasskey(pathAt(arguments, 0)));
+     }},
+    {"DisplayPasskey", "ouq",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call,
+                        policy.displayPasskey(pathAt(arguments, 0), arguments.at(1).toUInt(),
+                                              static_cast<quint16>(arguments.at(2).toUInt())));
+     }},
+    {"RequestConfirmation", "ou",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call,
+                        policy.requestConfirmation(pathAt(arguments, 0), arguments.at(1).toUInt()));
+     }},
+    {"RequestAuthorization", "o",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call, policy.requestAuthorization(pathAt(arguments, 0)));
+     }},
+    {"AuthorizeService", "os",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &arguments) {
+         return replyTo(call,
+                        policy.authorizeService(pathAt(arguments, 0), arguments.at(1).toString()));
+     }},
+    {"Cancel", "",
+     [](AgentPolicy &policy, DBusMessage *call, const Arguments &) {
+         policy.cancel();
+         return replyTo(call, core::Status());
+     }},
+}};
+
+const AgentMethod *findMethod(const QString &name) {
+    for (const AgentMethod &method : agentMethods) {
+        if (name == QLatin1String(method.name))
+            return &method;
+    }
+    return nullptr;
+}
+
+core::Error notFromBluez() {
+    return core::failure(QStringLiteral("only BlueZ may call the pairing agent"),
+                         QStringLiteral(DBUS_ERROR_ACCESS_DENIED));
 }
 
 } // namespace
 
-QString formatPasskey(quint32 passkey) {
-    return QStringLiteral("%1").arg(passkey, 6, 10, QLatin1Char('0'));
+AgentAdaptor::AgentAdaptor(AgentPolicy &policy, OwnerLookup bluezOwner)
+    : m_policy(policy), m_bluezOwner(std::move(bluezOwner)) {}
+
+bool AgentAdaptor::fromBluez(const QString &sender) const {
+    const auto owner = m_bluezOwner();
+    return !sender.isEmpty() && owner && *owner == sender;
 }
 
-void reportPasskey(quint32 passkey) {
-    const QString text = formatPasskey(passkey);
-    if (text == reportedPasskey)
-        return;
-    reportedPasskey = text;
-    QJsonObject extra;
-    extra.insert(QStringLiteral("passkey"), text);
-    PairingEventLog::logEvent(QStringLiteral("passkey"), extra);
-}
-
-void resetReportedPasskey() {
-    reportedPasskey.clear();
-}
-
-QString lastReportedPasskey() {
-    return reportedPasskey;
-}
-
-void PairingAgent::reject(const QString &message) {
-    if (calledFromDBus())
-        sendErrorReply(QStringLiteral("org.bluez.Error.Rejected"), message);
-}
-
-void PairingAgent::Release() {
-    incoming(agentPath, "Release");
-}
-
-QString PairingAgent::RequestPinCode(const QDBusObjectPath &device) {
-    incoming(device.path(), "RequestPinCode");
-    trace::debug("pairing: legacy PIN pairing is not supported for device " +
-                 device.path().toUtf8());
-    reject(QStringLiteral("Legacy PIN pairing is not supported"));
-    return QString();
-}
-
-void PairingAgent::DisplayPinCode(const QDBusObjectPath &device, const QString &pincode) {
-    incoming(device.path(), "DisplayPinCode", QStringLiteral("pin=%1").arg(pincode));
-    trace::debug("pairing: device " + device.path().toUtf8() + " shows PIN " + pincode.toUtf8());
-    // A PIN that is not a decimal number (or too long for 32 bits) reads as 0.
-    reportPasskey(pincode.toUInt(nullptr, 10));
-}
-
-quint32 PairingAgent::RequestPasskey(const QDBusObjectPath &device) {
-    incoming(device.path(), "RequestPasskey");
-    trace::debug("pairing: legacy passkey entry is not supported for device " +
-                 device.path().toUtf8());
-    reject(QStringLiteral("Legacy passkey entry is not supported"));
-    return 0;
-}
-
-void PairingAgent::DisplayPasskey(const QDBusObjectPath &device, quint32 passkey, quint16 entered) {
-    const QString text = formatPasskey(passkey);
-    incoming(device.path(), "DisplayPasskey",
-             QStringLiteral("passkey=%1 entered=%2").arg(text).arg(entered));
-    // BlueZ calls again for every keypress on the remote side; only the first
-    // call (nothing typed yet) is news for the reader of the event file.
-    if (entered == 0) {
-        reportPasskey(passkey);
-        return;
+bluez::Message AgentAdaptor::handle(DBusMessage *message) {
+    const auto call = bluez::incomingCall(message);
+    if (!call || call->interface != bluez::names::agent)
+        return {};
+    const AgentMethod *method = findMethod(call->member);
+    if (!method)
+        return {};
+    // Anyone on the bus can send to our unique name: a call that does not
+    // come from BlueZ has no effect at all.
+    if (!fromBluez(call->sender)) {
+        core::DbusTrace::debug("pairing: ignoring " + call->member.toUtf8() + " from " +
+                               call->sender.toUtf8() + ", which is not BlueZ");
+        return bluez::errorReply(message, notFromBluez());
     }
-    trace::debug("pairing: device " + device.path().toUtf8() + " passkey " + text.toUtf8() + " (" +
-                 QByteArray::number(entered) + " digits entered)");
-}
-
-void PairingAgent::RequestConfirmation(const QDBusObjectPath &device, quint32 passkey) {
-    const QString text = formatPasskey(passkey);
-    incoming(device.path(), "RequestConfirmation", QStringLiteral("passkey=%1").arg(text));
-    reportPasskey(passkey);
-    trace::debug("pairing: confirming passkey " + text.toUtf8() + " for device " +
-                 device.path().toUtf8());
-}
-
-void PairingAgent::RequestAuthorization(const QDBusObjectPath &device) {
-    incoming(device.path(), "RequestAuthorization");
-}
-
-void PairingAgent::AuthorizeService(const QDBusObjectPath &device, const QString &uuid) {
-    incoming(device.path(), "AuthorizeService", QStringLiteral("uuid=%1").arg(uuid));
-}
-
-void PairingAgent::Cancel() {
-    incoming(QStringLiteral("/"), "Cancel");
-    trace::debug("pairing: cancelled by BlueZ");
+    if (call->signature != QLatin1String(method->signature))
+        return bluez::errorReply(message, bluez::unknownMethod(*call));
+    return method->invoke(m_policy, message, bluez::readArguments(message));
 }
 
 } // namespace kelvane::pairing

@@ -2,15 +2,16 @@
 
 #include "bluez/devices.h"
 #include "bluez/names.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "result/json.h"
 #include "storage/atomicfile.h"
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 
-#include <mutex>
 #include <optional>
 
 namespace kelvane::pairing {
@@ -18,7 +19,6 @@ namespace kelvane::pairing {
 namespace {
 
 struct LogState {
-    std::mutex mutex;
     QJsonArray events;
     std::optional<core::DeviceInfo> device;
     QString filePath = PairingEventLog::defaultFilePath;
@@ -32,57 +32,34 @@ LogState &state() {
 } // namespace
 
 void PairingEventLog::reset() {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.events = QJsonArray();
-    log.device.reset();
+    state().events = QJsonArray();
+    state().device.reset();
     writeFile();
 }
 
 void PairingEventLog::setDevice(const core::DeviceInfo &device) {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.device = device;
+    state().device = device;
 }
 
-void PairingEventLog::logEvent(const QString &name, const QJsonObject &extra) {
-    LogState &log = state();
-    // The JSON is built outside the lock; only the shared state is touched under it.
-    QJsonObject event = extra;
-    event.insert(QStringLiteral("event"), name);
-    event.insert(QStringLiteral("timestamp"), QDateTime::currentDateTimeUtc().toSecsSinceEpoch());
-    std::optional<core::DeviceInfo> device;
-    {
-        std::lock_guard<std::mutex> lock(log.mutex);
-        device = log.device;
-    }
-    if (device)
-        event.insert(QStringLiteral("device"), result::deviceToJson(*device));
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.events.append(event);
+void PairingEventLog::logEvent(const QString &name, const QString &passkey) {
+    const qint64 timestamp = QDateTime::currentDateTimeUtc().toSecsSinceEpoch();
+    state().events.append(result::eventToJson(name, timestamp, state().device, passkey));
     writeFile();
 }
 
-QJsonArray PairingEventLog::events() {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    return log.events;
-}
-
 void PairingEventLog::setFilePath(const QString &path) {
-    LogState &log = state();
-    std::lock_guard<std::mutex> lock(log.mutex);
-    log.filePath = path;
+    state().filePath = path;
 }
 
+// An unwritable file must not disturb the pairing; the next event rewrites
+// the complete list anyway.
 void PairingEventLog::writeFile() {
-    LogState &log = state();
-    const QFileInfo file(log.filePath);
+    const QFileInfo file(state().filePath);
     // Written beside and renamed over the old one, so a reader always sees a
-    // whole array; an unwritable file must not disturb the pairing, and the
-    // next event rewrites the complete list anyway.
+    // whole array, and whatever another user left at the name is replaced,
+    // never opened.
     (void)storage::replaceFile(file.path(), file.fileName(),
-                               QJsonDocument(log.events).toJson(QJsonDocument::Compact) + '\n',
+                               QJsonDocument(state().events).toJson(QJsonDocument::Compact) + '\n',
                                0644);
 }
 
@@ -91,12 +68,15 @@ void PairingEventLog::removeLeftovers() {
     storage::removeStaleTemporaries(file.path(), file.fileName());
 }
 
-void refreshEventDevice(const QString &devicePath) {
-    const bluez::ManagedObjectMap objects = bluez::loadManagedObjects();
+bluez::PropertyMap refreshEventDevice(const QString &devicePath) {
+    const auto objects = bluez::loadManagedObjects();
+    if (!objects)
+        return {};
     const bluez::PropertyMap properties =
-        bluez::interfaceProperties(objects, devicePath, bluez::names::device);
+        bluez::interfaceProperties(*objects, devicePath, bluez::names::device);
     if (!properties.isEmpty())
         PairingEventLog::setDevice(bluez::deviceFromProperties(devicePath, properties));
+    return properties;
 }
 
 } // namespace kelvane::pairing

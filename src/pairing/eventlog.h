@@ -1,16 +1,14 @@
 #pragma once
 
+#include "bluez/objectmap.h"
 #include "core/records.h"
 
-#include <QJsonArray>
-#include <QJsonObject>
 #include <QString>
 
 namespace kelvane::pairing {
 
 // The pairing progress file for an outside reader: a JSON array of every
-// event of this run, rewritten whole after each event. Process-wide; one
-// mutex guards the list, the current device and the file writing.
+// event of this run, replaced whole after each event. Process-wide.
 class PairingEventLog {
 public:
     PairingEventLog() = delete;
@@ -23,22 +21,20 @@ public:
     static void removeLeftovers();
     // Every later event carries this device.
     static void setDevice(const core::DeviceInfo &device);
-    // Appends {"event", "timestamp", ["device"], extra...} and rewrites the
-    // file. The log's own members win over equally named extra fields.
-    static void logEvent(const QString &name, const QJsonObject &extra = QJsonObject());
+    // Appends {"event", "timestamp", ["device"], ["passkey"]} and rewrites
+    // the file.
+    static void logEvent(const QString &name, const QString &passkey = QString());
 
-    // The events logged so far, in order.
-    static QJsonArray events();
     // Tests point the file elsewhere; the tool always uses defaultFilePath.
     static void setFilePath(const QString &path);
 
 private:
-    // Caller holds the lock.
     static void writeFile();
 };
 
-// Stores the device's current BlueZ properties as the log's device; leaves
-// the device unchanged when BlueZ does not know the path.
-void refreshEventDevice(const QString &devicePath);
+// Takes a fresh snapshot and stores the device's properties there as the
+// log's device; leaves the device unchanged when BlueZ does not know the
+// path. Returns the properties it found (empty when none).
+bluez::PropertyMap refreshEventDevice(const QString &devicePath);
 
 } // namespace kelvane::pairing

@@ -2,22 +2,19 @@
 
 #include "bluez/adapters.h"
 #include "bluez/address.h"
+#include "bluez/call.h"
 #include "bluez/devices.h"
 #include "bluez/discovery.h"
 #include "bluez/names.h"
 #include "bluez/properties.h"
+#include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/trace.h"
 #include "core/utf8.h"
+#include "pairing/agentpolicy.h"
 #include "pairing/eventlog.h"
 #include "pairing/registration.h"
 
-#include <QCoreApplication>
-#include <QDBusConnection>
-#include <QDBusInterface>
-#include <QDBusPendingCallWatcher>
-#include <QEvent>
-#include <QEventLoop>
 #include <QThread>
 
 namespace kelvane::pairing {
@@ -36,221 +33,176 @@ const QString pageTimeoutAdvice =
     QStringLiteral("Page Timeout: device not responding. Ensure it is powered on, in range, and "
                    "in pairing/discoverable mode, then try again.");
 
-QString deviceNotFound(const QString &devicePath) {
-    return QStringLiteral("device not found: %1").arg(devicePath);
-}
-
-// BlueZ reports a device that did not answer the page as "Page Timeout";
-// such a device is usually stale in BlueZ's cache and worth a fresh start.
-bool isPageTimeout(const QString &message) {
-    return message.contains(QLatin1String("Page Timeout"), Qt::CaseInsensitive);
-}
-
-QDBusInterface deviceProxy(const QString &devicePath) {
-    return QDBusInterface(bluez::names::service, devicePath, device, QDBusConnection::systemBus());
-}
-
-bool readBool(QDBusInterface &proxy, const char *property) {
-    return bluez::readProxyProperty(proxy, property).toBool();
-}
-
-// First powered adapter in path order, else the first adapter at all.
-QString chooseAdapter(const bluez::ManagedObjectMap &objects) {
-    for (const bool requirePowered : {true, false}) {
-        for (auto it = objects.cbegin(); it != objects.cend(); ++it) {
-            const bluez::PropertyMap properties = it.value().value(bluez::names::adapter);
-            if (properties.isEmpty())
-                continue;
-            if (!requirePowered || properties.value(QStringLiteral("Powered")).toBool())
-                return it.key().path();
-        }
-    }
-    return QString();
-}
-
-// Best effort: a non-pairable adapter makes Pair fail with a clear error of its own.
-void ensurePairable(const QString &adapterPath) {
-    QDBusInterface adapter(bluez::names::service, adapterPath, bluez::names::adapter,
-                           QDBusConnection::systemBus());
-    if (bluez::proxyFound(adapter) && !readBool(adapter, "Pairable"))
-        bluez::setPropertyTrue(adapterPath, bluez::names::adapter, QStringLiteral("Pairable"));
+core::Error deviceNotFound(const QString &devicePath) {
+    return core::failure(QStringLiteral("device not found: %1").arg(devicePath));
 }
 
 // Up to discoveryPolls one-second polls; the object path found, or empty.
 QString discoverDevice(const QString &adapterPath, const QString &address) {
-    QString ignored;
-    if (!bluez::startDiscovery(adapterPath, ignored))
+    if (!bluez::startDiscovery(adapterPath))
         return QString();
     QString found;
     for (int poll = 0; poll < discoveryPolls && found.isEmpty(); ++poll) {
         QThread::sleep(1);
-        found = bluez::findDevicePathByAddress(bluez::loadManagedObjects(), address);
+        if (const auto objects = bluez::loadManagedObjects())
+            found = bluez::findDevicePathByAddress(*objects, address);
     }
     bluez::stopDiscovery(adapterPath);
     return found;
 }
 
-// Pair is the one asynchronous call: BlueZ calls back into the agent while it
-// is pending, and those callbacks are only served while an event loop runs.
-// The loop ends with the reply, or with the error the bus produces when the
-// reply timeout passes or BlueZ leaves the bus.
-bool pairDeviceAsync(QDBusInterface &proxy, const QString &devicePath, QString &message) {
-    const QString method = QStringLiteral("Pair");
-    proxy.setTimeout(-1);
-    trace::call(bluez::names::service, devicePath, device, method, QString());
-    QEventLoop loop;
-    bool paired = false;
-    auto *watcher = new QDBusPendingCallWatcher(proxy.asyncCall(method));
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, &loop,
-                     [&](QDBusPendingCallWatcher *finished) {
-                         if (finished->isError()) {
-                             message = finished->error().message();
-                             trace::reply(method, false, message);
-                         } else {
-                             paired = true;
-                             trace::reply(method, true, QString());
-                         }
-                         finished->deleteLater();
-                         loop.quit();
-                     });
-    loop.exec();
-    // No outer loop will ever run to honour the deleteLater.
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    return paired;
+// Pair is the one call that waits ServingAgent: BlueZ calls back into the
+// agent while it is pending.
+core::Status pairDevice(const QString &devicePath) {
+    bluez::MethodCall call{devicePath, device, QStringLiteral("Pair")};
+    call.waiting = bluez::Waiting::ServingAgent;
+    return bluez::statusOf(bluez::callBluez(call));
+}
+
+// False when BlueZ has no such device; the value read as a boolean otherwise.
+core::Expected<bool> deviceFlag(const QString &devicePath, const char *property) {
+    const auto value = bluez::readProperty(devicePath, device, QLatin1String(property));
+    if (!value)
+        return deviceNotFound(devicePath);
+    return value->toBool();
 }
 
 class PairProcedure {
 public:
-    explicit PairProcedure(const QString &typedAddress)
-        : m_typedAddress(typedAddress), m_address(bluez::normalizeAddress(typedAddress)) {}
+    PairProcedure(AgentPolicy &policy, const QString &address)
+        : m_policy(policy), m_address(address) {}
 
-    // False with `m_message` set when a step failed.
-    bool run() {
-        trace::debug("pairing with address " + m_typedAddress.toUtf8());
-        QString snapshotError;
-        const bluez::ManagedObjectMap objects = bluez::loadManagedObjects(&snapshotError);
-        if (objects.isEmpty() && !snapshotError.isEmpty())
-            return fail(snapshotError);
-        if (!prepareAdapter(objects))
-            return false;
-        m_devicePath = bluez::findDevicePathByAddress(objects, m_address);
+    core::Status run() {
+        const auto objects = bluez::loadManagedObjects();
+        if (!objects)
+            return objects.error();
+        if (const core::Status prepared = prepareAdapter(*objects); !prepared)
+            return prepared;
+        m_devicePath = bluez::findDevicePathByAddress(*objects, m_address);
         trace::debug("initial device path: " +
                      (m_devicePath.isEmpty() ? QByteArray("(not found)") : m_devicePath.toUtf8()));
-        return pairWithRetry() && trustDevice() && connectDevice();
+        if (const core::Status paired = pairWithRetry(); !paired)
+            return paired;
+        if (const core::Status trusted = trustDevice(); !trusted)
+            return trusted;
+        return connectDevice();
     }
-
-    const QString &message() const { return m_message; }
 
 private:
-    bool fail(const QString &message) {
-        m_message = message;
-        return false;
-    }
-
-    bool prepareAdapter(const bluez::ManagedObjectMap &objects) {
-        m_adapterPath = chooseAdapter(objects);
+    core::Status prepareAdapter(const bluez::ManagedObjectMap &objects) {
+        m_adapterPath = bluez::firstPoweredAdapter(objects);
         if (m_adapterPath.isEmpty())
-            return fail(QStringLiteral("no Bluetooth adapter found"));
+            return core::failure(QStringLiteral("no Bluetooth adapter found"));
         trace::debug("using adapter " + m_adapterPath.toUtf8());
-        if (!bluez::ensureAdapterPowered(m_adapterPath, m_message))
-            return false;
-        ensurePairable(m_adapterPath);
-        return true;
+        const bluez::PropertyMap adapter =
+            bluez::interfaceProperties(objects, m_adapterPath, bluez::names::adapter);
+        const core::Status powered =
+            bluez::ensureAdapterPowered(bluez::adapterFromProperties(m_adapterPath, adapter));
+        if (!powered)
+            return powered;
+        // Best effort: a non-pairable adapter makes Pair fail with a clear error of its own.
+        if (!adapter.value(QStringLiteral("Pairable")).toBool())
+            (void)bluez::setPropertyTrue(m_adapterPath, bluez::names::adapter,
+                                         QStringLiteral("Pairable"));
+        return {};
     }
 
     // At most two attempts; only a "Page Timeout" earns the second, after the
     // stale device has been removed and discovered afresh.
-    bool pairWithRetry() {
+    core::Status pairWithRetry() {
         for (int attempt = 1;; ++attempt) {
             trace::debug("pair attempt " + QByteArray::number(attempt));
             if (m_devicePath.isEmpty()) {
                 m_devicePath = discoverDevice(m_adapterPath, m_address);
                 if (m_devicePath.isEmpty())
-                    return fail(notFoundDuringDiscovery);
+                    return core::failure(notFoundDuringDiscovery);
             }
-            if (pairOnce())
-                return true;
-            if (!isPageTimeout(m_message))
-                return false;
-            bluez::removeDevice(m_adapterPath, m_devicePath);
+            const core::Status paired = pairOnce();
+            if (paired || !bluez::isPageTimeout(paired.error()))
+                return paired;
+            (void)bluez::removeDevice(m_adapterPath, m_devicePath);
             m_devicePath.clear();
             if (attempt == 2)
-                return fail(pageTimeoutAdvice);
+                return core::failure(pageTimeoutAdvice);
         }
     }
 
-    bool pairOnce() {
-        refreshEventDevice(m_devicePath);
-        QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!bluez::proxyFound(proxy))
-            return fail(deviceNotFound(m_devicePath));
-        if (readBool(proxy, "Paired")) {
+    // The snapshot that refreshes the event's device also says whether the
+    // device is there and paired already.
+    core::Status pairOnce() {
+        const bluez::PropertyMap properties = refreshEventDevice(m_devicePath);
+        if (properties.isEmpty())
+            return deviceNotFound(m_devicePath);
+        if (properties.value(QStringLiteral("Paired")).toBool()) {
             trace::debug("device already paired: " + m_devicePath.toUtf8());
-            return true;
+            return {};
         }
-        return pairDeviceAsync(proxy, m_devicePath, m_message);
+        m_policy.expectDevice(m_devicePath);
+        return pairDevice(m_devicePath);
     }
 
-    bool trustDevice() {
-        QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!bluez::proxyFound(proxy))
-            return fail(deviceNotFound(m_devicePath));
-        if (!readBool(proxy, "Trusted") &&
-            !bluez::setPropertyTrue(m_devicePath, device, QStringLiteral("Trusted"), &m_message))
-            return false;
+    core::Status trustDevice() {
+        const auto trusted = deviceFlag(m_devicePath, "Trusted");
+        if (!trusted)
+            return trusted.error();
+        if (!*trusted) {
+            const core::Status set =
+                bluez::setPropertyTrue(m_devicePath, device, QStringLiteral("Trusted"));
+            if (!set)
+                return set;
+        }
         refreshEventDevice(m_devicePath);
         PairingEventLog::logEvent(QStringLiteral("trusted"));
-        return true;
+        return {};
     }
 
-    bool connectDevice() {
-        QDBusInterface proxy = deviceProxy(m_devicePath);
-        if (!bluez::proxyFound(proxy))
-            return fail(deviceNotFound(m_devicePath));
-        if (!readBool(proxy, "Connected")) {
-            const QString method = QStringLiteral("Connect");
-            trace::call(bluez::names::service, m_devicePath, device, method, QString());
-            const QDBusMessage reply = proxy.call(QDBus::Block, method);
-            if (reply.type() == QDBusMessage::ErrorMessage) {
-                trace::reply(method, false, reply.errorMessage());
-                return fail(reply.errorMessage());
-            }
-            trace::reply(method, true, QString());
+    core::Status connectDevice() {
+        const auto connected = deviceFlag(m_devicePath, "Connected");
+        if (!connected)
+            return connected.error();
+        if (!*connected) {
+            const core::Status done = bluez::statusOf(
+                bluez::callBluez({m_devicePath, device, QStringLiteral("Connect")}));
+            if (!done)
+                return done;
         }
         refreshEventDevice(m_devicePath);
         PairingEventLog::logEvent(QStringLiteral("connected"));
-        return true;
+        return {};
     }
 
-    const QString m_typedAddress;
+    AgentPolicy &m_policy;
     const QString m_address;
     QString m_adapterPath;
     QString m_devicePath;
-    QString m_message;
 };
 
 } // namespace
 
-bool pairTrustConnect(const std::string &address, std::string &error) {
-    error.clear();
+core::Expected<QString> pairAddress(const std::string &typedAddress) {
+    const QString typed = core::fromUtf8(typedAddress);
+    const QString normalized = bluez::normalizeAddress(typed);
+    if (!bluez::isValidAddress(normalized))
+        return core::failure(QStringLiteral("invalid Bluetooth address: ") + typed);
+    return normalized;
+}
+
+core::Status pairTrustConnect(const std::string &address) {
+    const core::Expected<QString> checked = pairAddress(address);
+    if (!checked)
+        return checked.error();
+    const QString &normalized = *checked;
     const QString typed = core::fromUtf8(address);
-    if (!bluez::isValidAddress(bluez::normalizeAddress(typed))) {
-        error = core::toUtf8(QStringLiteral("invalid Bluetooth address: ") + typed);
-        return false;
-    }
     // Reset first: a reader must never take the last run's passkey for this one's.
     PairingEventLog::reset();
     PairingEventLog::removeLeftovers();
-    // Declared before the procedure so that it is destroyed last: the agent
-    // is withdrawn after every other step, on every way out.
+    // Declared in this order so that the agent is withdrawn after every other
+    // step, on every way out, and its policy outlives it.
+    AgentPolicy policy;
     AgentRegistration registration;
-    registerPairingAgent(registration);
-    PairProcedure procedure(typed);
-    if (!procedure.run()) {
-        error = core::toUtf8(procedure.message());
-        return false;
-    }
-    return true;
+    registerPairingAgent(registration, policy);
+    trace::debug("pairing with address " + typed.toUtf8());
+    return PairProcedure(policy, normalized).run();
 }
 
 } // namespace kelvane::pairing

@@ -1,11 +1,10 @@
 #include "pairing/registration.h"
 
-#include "bluez/dbustypes.h"
+#include "bluez/call.h"
+#include "bluez/connection.h"
 #include "bluez/names.h"
 #include "core/trace.h"
-
-#include <QDBusConnection>
-#include <QDBusMessage>
+#include "pairing/agent.h"
 
 namespace kelvane::pairing {
 
@@ -15,33 +14,25 @@ namespace {
 
 const QString capability = QStringLiteral("KeyboardDisplay");
 
-// Traces the call, then makes it blocking; the reply is the caller's to judge.
-// A plain message rather than an introspected proxy, so the withdrawal still
-// goes out when the agent manager cannot be introspected.
-QDBusMessage callAgentManager(const QString &method, const QString &summary,
-                              const QVariantList &arguments) {
-    trace::call(bluez::names::service, bluez::names::bluezRoot, bluez::names::agentManager, method,
-                summary);
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        bluez::names::service, bluez::names::bluezRoot, bluez::names::agentManager, method);
-    message.setArguments(arguments);
-    return QDBusConnection::systemBus().call(message, QDBus::Block, -1);
-}
-
-QVariant agentPathArgument() {
-    return QVariant::fromValue(QDBusObjectPath(agentPath));
-}
-
-bool isError(const QDBusMessage &reply) {
-    return reply.type() == QDBusMessage::ErrorMessage;
+core::Expected<bluez::Message> callAgentManager(const QString &method, const QString &summary,
+                                                std::vector<bluez::Argument> arguments,
+                                                bluez::Tracing tracing) {
+    return bluez::callBluez({bluez::names::bluezRoot, bluez::names::agentManager, method,
+                             std::move(arguments), summary},
+                            tracing);
 }
 
 // A failed step is a warning line; success is the ordinary outcome line.
-void reportOutcome(const QString &method, const QDBusMessage &reply) {
-    if (isError(reply))
-        trace::debug("warning: " + method.toUtf8() + " failed: " + reply.errorMessage().toUtf8());
-    else
-        trace::reply(method, true, QString());
+void registerStep(const QString &method, const QString &summary,
+                  std::vector<bluez::Argument> arguments) {
+    const auto reply =
+        callAgentManager(method, summary, std::move(arguments), bluez::Tracing::FailureAsNote);
+    if (!reply)
+        trace::debug("warning: " + method.toUtf8() + " failed: " + reply.error().message.toUtf8());
+}
+
+core::Expected<QString> bluezOwner() {
+    return bluez::nameOwner(bluez::names::service);
 }
 
 } // namespace
@@ -50,43 +41,38 @@ AgentRegistration::~AgentRegistration() {
     releasePairingAgent(*this);
 }
 
-void registerPairingAgent(AgentRegistration &registration) {
-    registration.agent = nullptr;
+void registerPairingAgent(AgentRegistration &registration, AgentPolicy &policy) {
     registration.exported = false;
-    bluez::registerDbusTypes();
-    resetReportedPasskey();
-    registration.agent = new PairingAgent();
-    QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.registerObject(agentPath, registration.agent, QDBusConnection::ExportAllSlots)) {
+    AgentAdaptor adaptor(policy, bluezOwner);
+    const core::Status exported = bluez::exportObject(
+        agentPath, [adaptor](DBusMessage *call) mutable { return adaptor.handle(call); });
+    if (!exported) {
         trace::debug("warning: failed to register pairing agent at " + agentPath.toUtf8());
         return;
     }
     registration.exported = true;
     trace::debug("registered pairing agent at " + agentPath.toUtf8());
 
+    const bluez::ObjectPath agent{agentPath};
     // A registration left over from an earlier run would make RegisterAgent
     // fail with AlreadyExists; whether there was one does not matter.
-    callAgentManager(QStringLiteral("UnregisterAgent"), agentPath, {agentPathArgument()});
-    reportOutcome(QStringLiteral("RegisterAgent"),
-                  callAgentManager(QStringLiteral("RegisterAgent"),
-                                   QStringLiteral("%1 %2").arg(agentPath, capability),
-                                   {agentPathArgument(), capability}));
-    reportOutcome(
-        QStringLiteral("RequestDefaultAgent"),
-        callAgentManager(QStringLiteral("RequestDefaultAgent"), agentPath, {agentPathArgument()}));
+    (void)callAgentManager(QStringLiteral("UnregisterAgent"), agentPath, {agent},
+                           bluez::Tracing::CallLineOnly);
+    registerStep(QStringLiteral("RegisterAgent"), agentPath + QLatin1Char(' ') + capability,
+                 {agent, capability});
+    registerStep(QStringLiteral("RequestDefaultAgent"), agentPath, {agent});
 }
 
 void releasePairingAgent(AgentRegistration &registration) {
     const QString method = QStringLiteral("UnregisterAgent");
-    callAgentManager(method, agentPath, {agentPathArgument()});
+    (void)callAgentManager(method, agentPath, {bluez::ObjectPath{agentPath}},
+                           bluez::Tracing::CallLineOnly);
     // BlueZ may be gone or may never have known the agent; either way the
     // agent is withdrawn as far as this run is concerned.
     trace::reply(method, true, QString());
     if (registration.exported)
-        QDBusConnection::systemBus().unregisterObject(agentPath);
+        bluez::unexportObject(agentPath);
     registration.exported = false;
-    delete registration.agent;
-    registration.agent = nullptr;
 }
 
 } // namespace kelvane::pairing

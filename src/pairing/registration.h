@@ -1,14 +1,13 @@
 #pragma once
 
-#include "pairing/agent.h"
+#include "pairing/agentpolicy.h"
 
 namespace kelvane::pairing {
 
 // The pairing agent's stay on the bus, owned by the pair procedure. Going
-// out of scope withdraws the agent from BlueZ, unexports and deletes it: that
-// is the one place release happens, so it runs exactly once on every path.
+// out of scope withdraws the agent from BlueZ and unexports it: that is the
+// one place release happens, so it runs exactly once on every path.
 struct AgentRegistration {
-    PairingAgent *agent = nullptr;
     bool exported = false;
 
     AgentRegistration() = default;
@@ -17,11 +16,12 @@ struct AgentRegistration {
     ~AgentRegistration();
 };
 
-// Exports a new agent and makes it BlueZ's default agent. Problems are only
+// Exports an agent answering with `policy` (which must outlive the
+// registration) and makes it BlueZ's default agent. Problems are only
 // traced: pairing then goes ahead with whatever agent BlueZ has.
-void registerPairingAgent(AgentRegistration &registration);
+void registerPairingAgent(AgentRegistration &registration, AgentPolicy &policy);
 
-// UnregisterAgent (its answer does not matter), unexport, delete.
+// UnregisterAgent (its answer does not matter), then unexport.
 void releasePairingAgent(AgentRegistration &registration);
 
 } // namespace kelvane::pairing

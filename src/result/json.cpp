@@ -4,7 +4,6 @@
 #include "classify/classofdevice.h"
 #include "classify/hid.h"
 #include "classify/label.h"
-#include "classify/uuids.h"
 #include "core/utf8.h"
 
 #include <QJsonArray>
@@ -19,8 +18,33 @@ using core::fromUtf8;
 
 namespace {
 
-QJsonValue optionalNumber(const std::optional<std::int16_t> &value) {
-    return value ? QJsonValue(static_cast<int>(*value)) : QJsonValue(QJsonValue::Null);
+const QJsonValue null(QJsonValue::Null);
+
+template <typename T> QJsonValue optionalNumber(const std::optional<T> &value) {
+    return value ? QJsonValue(static_cast<qint64>(*value)) : null;
+}
+
+// "class" is the text of "class_of_device"; both are null without a class.
+QJsonValue classText(const std::optional<std::uint32_t> &classOfDevice) {
+    if (!classOfDevice)
+        return null;
+    return QString::fromUtf8(
+        classify::describeClassOfDevice(classify::ClassOfDevice(*classOfDevice)));
+}
+
+// Null without an appearance; "" for one that has no name.
+QJsonValue appearanceText(const std::optional<std::uint16_t> &appearance) {
+    if (!appearance)
+        return null;
+    const QString description = classify::appearanceDescription(*appearance);
+    return description.isNull() ? QStringLiteral("") : description;
+}
+
+QJsonArray uuidArray(const std::vector<std::string> &uuids) {
+    QJsonArray array;
+    for (const std::string &uuid : uuids)
+        array.append(fromUtf8(uuid));
+    return array;
 }
 
 } // namespace
@@ -34,15 +58,18 @@ QJsonObject deviceToJson(const DeviceInfo &device) {
     object.insert(QStringLiteral("label"),
                   classify::displayLabel(fromUtf8(device.name), fromUtf8(device.alias)));
     object.insert(QStringLiteral("icon"), fromUtf8(device.icon));
-    classify::writeClassFields(object, device.classOfDevice);
-    classify::writeAppearanceFields(object, device.appearance);
+    object.insert(QStringLiteral("class_of_device"), optionalNumber(device.classOfDevice));
+    object.insert(QStringLiteral("class"), classText(device.classOfDevice));
+    object.insert(QStringLiteral("icon-name"), classify::iconNameForAppearance(device.appearance));
+    object.insert(QStringLiteral("appearance"), optionalNumber(device.appearance));
+    object.insert(QStringLiteral("appearance_description"), appearanceText(device.appearance));
     object.insert(QStringLiteral("rssi"), optionalNumber(device.rssi));
     object.insert(QStringLiteral("paired"), device.paired);
     object.insert(QStringLiteral("trusted"), device.trusted);
     object.insert(QStringLiteral("connected"), device.connected);
     object.insert(QStringLiteral("is_hid"),
                   classify::isHidDevice(device.appearance, device.uuids, device.classOfDevice));
-    object.insert(QStringLiteral("uuids"), classify::uuidArray(device.uuids));
+    object.insert(QStringLiteral("uuids"), uuidArray(device.uuids));
     return object;
 }
 
@@ -55,6 +82,18 @@ QJsonObject adapterToJson(const AdapterInfo &adapter) {
     object.insert(QStringLiteral("alias"), fromUtf8(adapter.alias));
     object.insert(QStringLiteral("powered"), adapter.powered);
     object.insert(QStringLiteral("discovering"), adapter.discovering);
+    return object;
+}
+
+QJsonObject eventToJson(const QString &event, qint64 timestamp,
+                        const std::optional<DeviceInfo> &device, const QString &passkey) {
+    QJsonObject object;
+    object.insert(QStringLiteral("event"), event);
+    object.insert(QStringLiteral("timestamp"), timestamp);
+    if (device)
+        object.insert(QStringLiteral("device"), deviceToJson(*device));
+    if (!passkey.isEmpty())
+        object.insert(QStringLiteral("passkey"), passkey);
     return object;
 }
 
@@ -74,13 +113,6 @@ QByteArray resultToJson(const ResultDocument &document) {
     object.insert(QStringLiteral("adapters"), adapters);
     object.insert(QStringLiteral("devices"), devices);
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
-QByteArray simpleResult(bool success, const std::string &message) {
-    ResultDocument document;
-    document.setStatus(success ? ResultStatus::Ok : ResultStatus::Error);
-    document.setError(message);
-    return resultToJson(document);
 }
 
 void writeResultLine(const QByteArray &json) {

@@ -5,18 +5,19 @@
 #include <QByteArray>
 #include <QJsonObject>
 
-#include <string>
+#include <optional>
 
 namespace kelvane::result {
 
 QJsonObject deviceToJson(const DeviceInfo &device);
 QJsonObject adapterToJson(const AdapterInfo &adapter);
 
+// One event of the pairing event file; "device" and "passkey" only when given.
+QJsonObject eventToJson(const QString &event, qint64 timestamp,
+                        const std::optional<DeviceInfo> &device, const QString &passkey);
+
 // Compact JSON; QJsonObject keeps members in ascending key order.
 QByteArray resultToJson(const ResultDocument &document);
-
-// A document without adapters or devices: status Ok or Error, error = message.
-QByteArray simpleResult(bool success, const std::string &message);
 
 // The only writer of standard output besides the usage text.
 void writeResultLine(const QByteArray &json);

@@ -1,5 +1,7 @@
 #include "result/resultdocument.h"
 
+#include "core/utf8.h"
+
 #include <algorithm>
 
 namespace kelvane::result {
@@ -32,6 +34,20 @@ void ResultDocument::mergeDevices(const std::vector<DeviceInfo> &incoming) {
             *existing = device;
     }
     std::sort(m_devices.begin(), m_devices.end(), deviceSortsBefore);
+}
+
+void ResultDocument::addPartialFailure(const std::string &report) {
+    m_status = ResultStatus::Partial;
+    m_error = m_error.empty() ? report : m_error + "; " + report;
+}
+
+ResultDocument simpleResult(const core::Status &status) {
+    ResultDocument document;
+    if (!status) {
+        document.setStatus(ResultStatus::Error);
+        document.setError(core::toUtf8(status.error().message));
+    }
+    return document;
 }
 
 } // namespace kelvane::result

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/expected.h"
 #include "core/records.h"
 
 #include <string>
@@ -32,11 +33,18 @@ public:
     // only by a device with a stronger RSSI. The list is re-sorted afterwards.
     void mergeDevices(const std::vector<DeviceInfo> &incoming);
 
+    // One more failure of a document that still reports what it has: status
+    // Partial, and `report` appended to the error text after a "; ".
+    void addPartialFailure(const std::string &report);
+
 private:
     std::vector<AdapterInfo> m_adapters;
     std::vector<DeviceInfo> m_devices;
     ResultStatus m_status = ResultStatus::Ok;
     std::string m_error;
 };
+
+// A document without adapters or devices: Ok, or Error with the failure's text.
+ResultDocument simpleResult(const core::Status &status);
 
 } // namespace kelvane::result

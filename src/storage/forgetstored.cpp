@@ -6,6 +6,8 @@
 
 #include <QFile>
 
+#include <thread>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -65,6 +67,44 @@ bool forgetStoredDevice(const QString &address, StoredDevice *removed, const QSt
         }
     }
     return removedAny;
+}
+
+namespace {
+
+std::optional<std::pair<ino_t, struct timespec>> stamp(const QString &path) {
+    struct stat st {};
+    if (::lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return std::nullopt;
+    return std::make_pair(st.st_ino, st.st_mtim);
+}
+
+bool sameStamp(const std::optional<std::pair<ino_t, struct timespec>> &a,
+               const std::optional<std::pair<ino_t, struct timespec>> &b) {
+    return a.has_value() == b.has_value() &&
+           (!a || (a->first == b->first && a->second.tv_sec == b->second.tv_sec &&
+                   a->second.tv_nsec == b->second.tv_nsec));
+}
+
+} // namespace
+
+PendingRemoval::PendingRemoval(const QString &root, const QString &adapter, const QString &device)
+    : m_directory(root + QLatin1Char('/') + adapter + QLatin1Char('/') + device),
+      m_cacheEntry(root + QLatin1Char('/') + adapter + QStringLiteral("/cache/") + device) {
+    m_stored = !adapter.isEmpty() && !device.isEmpty() && stamp(m_directory).has_value();
+    m_cacheBefore = stamp(m_cacheEntry);
+}
+
+void PendingRemoval::await(std::chrono::milliseconds bound) const {
+    // A device the store does not hold leaves nothing to wait for.
+    if (!m_stored)
+        return;
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (!stamp(m_directory) &&
+            (!m_cacheBefore || !sameStamp(stamp(m_cacheEntry), m_cacheBefore)))
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 } // namespace kelvane::storage

@@ -220,6 +220,8 @@ class Simulator:
         # bluetoothd lists its manager object; a daemon that has exported
         # nothing yet answers with an empty map.
         self.list_manager = True
+        # A daemon that hangs: it takes every call and never answers.
+        self.silent = False
         self.agents = {}  # owner -> {'path', 'capability'}
         self.default_agents = []  # owners, the first is the default
         self.watches = {}
@@ -255,6 +257,8 @@ class Simulator:
                 'args': to_json(args), 'types': types,
             }
             self.calls.append(entry)
+            if self.silent:
+                return dbus.lowlevel.HANDLER_RESULT_HANDLED
             expected = self.in_signature(path, interface, member)
             if expected is not None and expected != (message.get_signature() or ''):
                 # bluetoothd matches methods by signature; a call with other
@@ -944,6 +948,8 @@ def Configure(_self, options):
         SIM.agent_timeout = float(options['agent_timeout'])
     if 'list_manager' in options:
         SIM.list_manager = bool(options['list_manager'])
+    if 'silent' in options:
+        SIM.silent = bool(options['silent'])
 
 
 @dbus.service.method(SIM_IFACE, in_signature='', out_signature='s')

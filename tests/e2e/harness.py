@@ -225,7 +225,7 @@ def _request(*, binary, bus_address, root, store, tmp, env, timeout, readonly, u
 def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
                 env=None, argv0=None, timeout=60, expect_json=True, readonly=(), umask=None,
                 tmp_size=None, var_lib_size=None, store_mount=False, bind=(),
-                snapshot_before=False):
+                snapshot_before=False, broken=()):
     '''Runs `binary args...` in a private mount namespace and returns a Run.
 
     root: run as root, else as nobody (uid/gid 65534, no groups).
@@ -241,6 +241,8 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     store_mount: /var/lib/bluetooth is a file system of its own.
     bind: absolute directories bound onto themselves (mount points of their own).
     snapshot_before: also take run.tmp_before and run.store_before.
+    broken: any of "stdout", "stderr": a pipe whose reader has gone (what
+        the tool writes there is lost; Run has it as empty).
     Every run has a timeout; running out of it fails the test.'''
     argv = [argv0 if argv0 is not None else str(binary)] + list(args)
     request = _request(binary=binary, bus_address=bus_address, root=root, store=store, tmp=tmp,
@@ -249,6 +251,7 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
                        bind=bind)
     request['argv'] = argv
     request['snapshot_before'] = snapshot_before
+    request['broken'] = list(broken)
     run = Run(argv, _in_namespace(request, timeout))
     if run.timed_out:
         raise AssertionError('kelvane did not finish within %ss\n%r' % (timeout, run))

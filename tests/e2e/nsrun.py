@@ -140,7 +140,7 @@ def snapshot(root):
     return {'mode': stat.S_IMODE(info.st_mode), 'entries': tree}
 
 
-def start_tool(argv, binary, env, uid=None, gid=None, umask=None):
+def start_tool(argv, binary, env, uid=None, gid=None, umask=None, broken=()):
     '''Starts the tool (or any program) as uid/gid, with no groups, or as root.'''
     def prepare():
         # What `setpriv --reuid --regid --clear-groups` does, done here so
@@ -152,10 +152,21 @@ def start_tool(argv, binary, env, uid=None, gid=None, umask=None):
             os.setresgid(gid, gid, gid)
             os.setresuid(uid, uid, uid)
 
+    # A stream listed in "broken" is a pipe whose reader has already gone.
+    streams = {}
+    for name in ('stdout', 'stderr'):
+        if name in broken:
+            read_end, streams[name] = os.pipe()
+            os.close(read_end)
+        else:
+            streams[name] = subprocess.PIPE
     process = subprocess.Popen(
         argv, executable=binary, env=env, cwd='/',
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        stdin=subprocess.DEVNULL, stdout=streams['stdout'], stderr=streams['stderr'],
         preexec_fn=prepare, start_new_session=True)
+    for stream in streams.values():
+        if stream is not subprocess.PIPE:
+            os.close(stream)
     process.started = time.monotonic()
     return process
 
@@ -172,13 +183,14 @@ def finish_tool(process, timeout):
     return {
         'status': process.returncode, 'timed_out': timed_out,
         'seconds': round(time.monotonic() - process.started, 3),
-        'stdout': base64.b64encode(stdout).decode(), 'stderr': base64.b64encode(stderr).decode(),
+        'stdout': base64.b64encode(stdout or b'').decode(),
+        'stderr': base64.b64encode(stderr or b'').decode(),
     }
 
 
 def run_tool(request, binary):
     process = start_tool(request['argv'], binary, request['env'], request.get('uid'),
-                         request.get('gid'), request.get('umask'))
+                         request.get('gid'), request.get('umask'), request.get('broken', ()))
     return finish_tool(process, request['timeout'])
 
 

@@ -367,11 +367,13 @@ class Sim:
         self.control.LeaveBus(_options(after_managed_objects=(dbus.UInt32, after_managed_objects),
                                        after_seconds=(dbus.Double, after_seconds)))
 
-    def configure(self, agent_timeout=None, list_manager=None):
+    def configure(self, agent_timeout=None, list_manager=None, silent=None):
         '''agent_timeout: seconds Pair waits for an agent's reply.
-        list_manager: whether GetManagedObjects lists /org/bluez itself.'''
+        list_manager: whether GetManagedObjects lists /org/bluez itself.
+        silent: take every call (it is still logged) and never answer.'''
         self.control.Configure(_options(agent_timeout=(dbus.Double, agent_timeout),
-                                        list_manager=(dbus.Boolean, list_manager)))
+                                        list_manager=(dbus.Boolean, list_manager),
+                                        silent=(dbus.Boolean, silent)))
 
     # -- what happened -----------------------------------------------------
 

@@ -1,5 +1,9 @@
 '''Command-line grammar of the real binary: usage, unknown options, missing
-MAC, the root check, and that a scan needs no root.'''
+MAC, the root check, and that a scan needs no root; what every run survives:
+a reader that closed its pipe, a BlueZ that never answers.'''
+
+import concurrent.futures
+import json
 
 import pytest
 
@@ -62,7 +66,9 @@ def first_word(args):
 # typed), and -f or -p without a MAC before the root check. The usage
 # follows on stdout, status 1. Each case runs as root or as nobody, by turns.
 UNKNOWN = [['-vv'], ['--verbose'], ['-E'], [''], ['-x', '-e'], ['-v', '-x'], ['--'], ['-ef'],
-           [' -e'], ['-f' + MAC], ['-help'], ['-e '], ['ä']]
+           [' -e'], ['-f' + MAC], ['-help'], ['-e '], ['ä'],
+           # Words that Qt would take for options of its own.
+           ['--qmljsdebugger=port:1', '-e'], ['-qmljsdebugger', '-e']]
 MISSING_MAC = [['-f'], ['-p'], ['-f', '-v'], ['-v', '-p', '-v']]
 BAD_WORDS = ([(args, 'unknown option: ' + first_word(args)) for args in UNKNOWN]
              + [(args, first_word(args) + ' requires a Bluetooth MAC address')
@@ -80,7 +86,8 @@ def test_bad_words_print_error_and_usage(run_kelvane, sim, args, error, root):
 
 
 NEEDS_ROOT = [['-l'], ['-r'], ['-f', MAC], ['-p', MAC], ['-f', '-e'], ['-f', 'not-a-mac'],
-              ['-p', '-v', 'aa-bb-cc-dd-ee-ff'], ['-r', '-h'], ['-v', '-l', '-v']]
+              ['-p', '-v', 'aa-bb-cc-dd-ee-ff'], ['-r', '-h'], ['-v', '-l', '-v'],
+              ['-f', '-qmljsdebugger=1']]
 
 
 @pytest.mark.parametrize('args', NEEDS_ROOT, ids=' '.join)
@@ -106,3 +113,55 @@ def test_scan_needs_no_root(run_kelvane, sim, args):
     run = run_kelvane(args, root=False)
     assert run.json['error'] == 'no Bluetooth adapters found'
     assert 'requires root' not in run.stderr
+
+
+NO_ADAPTER = {'adapters': [], 'devices': [], 'error': 'no Bluetooth adapters found',
+              'result': 'error'}
+
+# args, the stream whose reader has gone, status, what the other stream shows.
+BROKEN_PIPES = [
+    (['-v', '-e'], 'stderr', 1, json.dumps(NO_ADAPTER, separators=(',', ':')) + '\n'),
+    (['-v', '-e'], 'stdout', 1, 'dbus >> org.bluez / org.freedesktop.DBus.ObjectManager.'
+                                'GetManagedObjects\n'),
+    (['-x'], 'stderr', 1, usage('kelvane')),
+]
+
+
+@pytest.mark.parametrize('args,broken,status,other', BROKEN_PIPES,
+                         ids=['%s, %s gone' % (' '.join(a), b) for a, b, _, _ in BROKEN_PIPES])
+def test_a_reader_that_went_away_does_not_kill_the_run(run_kelvane, sim, args, broken, status,
+                                                        other):
+    del sim
+    run = run_kelvane(args, root=False, argv0='kelvane', broken=[broken], expect_json=False)
+    shown = run.stdout if broken == 'stderr' else run.stderr
+    assert run.status == status, run
+    assert shown.startswith(other)
+
+
+NO_REPLY = ('Did not receive a reply. Possible causes include: the remote application did not '
+            'send a reply, the message bus security policy blocked the reply, the reply timeout '
+            'expired, or the network connection was broken.')
+DEVICE_DIR = '00:1A:7D:DA:71:13/' + MAC
+
+
+def test_a_daemon_that_never_answers_costs_one_timeout(run_kelvane, sim):
+    '''Each command waits for BlueZ once, then gives the texts it gives when
+    BlueZ fails; nothing else is asked of the silent daemon.'''
+    sim.configure(silent=True)
+    store = {DEVICE_DIR + '/info': File('[General]\nName=Keyboard\n', 0o600)}
+    commands = {'-e': ['-e'], '-l': ['-l'], '-f': ['-f', MAC], '-p': ['-p', MAC]}
+    with concurrent.futures.ThreadPoolExecutor(len(commands)) as pool:
+        futures = {word: pool.submit(run_kelvane, args, store=store)
+                   for word, args in commands.items()}
+        runs = {word: future.result() for word, future in futures.items()}
+    for run in runs.values():
+        assert 20 < run.seconds < 35, run
+    assert runs['-e'].json['error'] == NO_REPLY
+    assert runs['-l'].json['error'] == 'could not query live device state: ' + NO_REPLY
+    assert [d['name'] for d in runs['-l'].json['devices']] == ['Keyboard']
+    assert (runs['-f'].json['result'], DEVICE_DIR in runs['-f'].store) == ('ok', False)
+    assert runs['-p'].json['error'] == NO_REPLY
+    assert [r.status for r in runs.values()] == [1, 0, 0, 1]
+    # One call per run reached the daemon: the first one, which timed out.
+    calls = sorted(call.method for call in sim.calls())
+    assert calls == ['GetManagedObjects'] * 3 + ['UnregisterAgent']

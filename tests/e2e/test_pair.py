@@ -6,6 +6,7 @@ way out, and what the front end prints and saves.'''
 import threading
 import time
 
+import dbus
 import pytest
 
 from simbus import PAGE_TIMEOUT, passkey_display
@@ -326,3 +327,51 @@ def test_bluez_leaving_while_pair_is_pending(run_kelvane, sim):
     check_result(run, failed(message))
     assert run.seconds < 15
     assert trace(run)[-1] == 'dbus << UnregisterAgent ok'
+
+
+def test_structured_property_values_read_as_false(run_kelvane, sim):
+    # Wrong types convert as the rules for wrong types say, whatever their
+    # shape: Powered as a struct is not powered, so the adapter is powered on.
+    sim.add_adapter('hci0', props={
+        'Powered': dbus.Struct((dbus.Boolean(True),), signature='b'),
+        'Pairable': dbus.Dictionary({'on': dbus.Boolean(True)}, signature='sv')})
+    sim.add_device('hci0', MAC, props={
+        'Paired': dbus.Dictionary({}, signature='sv'),
+        'Trusted': dbus.Struct((dbus.Boolean(True),), signature='b')})
+    run = run_kelvane(['-p', MAC])
+    check_result(run, OK)
+    assert [c.args[1] for c in sim.calls(method='Set')] == ['Powered', 'Pairable', 'Trusted']
+    assert [m for m, _ in tool_calls(sim)].count('Pair') == 1
+    assert sim.props(DEVICE)['Connected'] is True
+
+
+def test_the_agent_answers_bluez_only(run_kelvane, sim, bus):
+    sim.add_adapter('hci0')
+    # BlueZ asks only after a while; meanwhile another client of the bus
+    # tries to confirm a passkey of its own for the device being paired.
+    sim.add_device('hci0', MAC, pairing=[{'method': 'RequestConfirmation', 'passkey': 4711,
+                                          'delay': 2}])
+    intruder = {}
+
+    def intrude():
+        deadline = time.monotonic() + 20
+        while time.monotonic() < deadline and not sim.calls(method='Pair'):
+            time.sleep(0.05)
+        tool = sim.calls(method='Pair')[0].sender
+        try:
+            bus.connect().call_blocking(tool, AGENT, 'org.bluez.Agent1', 'RequestConfirmation',
+                                        'ou', [DEVICE, 999999])
+            intruder['answer'] = 'accepted'
+        except dbus.exceptions.DBusException as e:
+            intruder['answer'] = e.get_dbus_name()
+
+    thread = threading.Thread(target=intrude)
+    thread.start()
+    try:
+        run = run_kelvane(['-v', '-p', MAC])
+    finally:
+        thread.join()
+    check_result(run, OK)
+    assert intruder['answer'] == 'org.freedesktop.DBus.Error.AccessDenied'
+    assert passkeys(run) == ['004711']
+    assert not any('999999' in line and 'dbus <<' in line for line in trace(run))

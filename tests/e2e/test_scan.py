@@ -71,7 +71,7 @@ def _busy(sim):
     that hci1's scan must not pick up.'''
     sim.add_adapter('hci0', name='alpha')
     sim.add_device('hci0', '00:00:00:00:00:01', rssi=-40, name='Strong')
-    sim.add_device('hci0', '00:00:00:00:00:02', rssi=-70)
+    sim.add_device('hci0', '00:00:00:00:00:02', rssi=-70, name='\ufeffBOM first')
     sim.add_device('hci0', '11:22:33:44:55:66', paired=True, trusted=True, name='Paired but off')
     sim.add_device('hci0', '0A:BB:CC:DD:EE:FF')
     rising = sim.add_device('hci0', 'AA:00:00:00:00:05', rssi=-80, appear_after=3)
@@ -238,6 +238,7 @@ def test_devices_by_strength_then_address_with_the_latest_poll_winning(scanned):
     assert by_address['AA:00:00:00:00:05']['name'] == 'Came closer'
     assert by_address['AA:00:00:00:00:07']['name'] == 'Left early'
     assert by_address['11:22:33:44:55:66']['paired'] is True
+    assert by_address['00:00:00:00:00:02']['name'] == '\ufeffBOM first'  # bus texts as sent
     assert by_address['0A:BB:CC:DD:EE:FF']['class_of_device'] is None
     assert by_address['0A:BB:CC:DD:EE:FF']['appearance'] is None
     assert by_address['0A:BB:CC:DD:EE:FF']['uuids'] == []
@@ -265,6 +266,11 @@ def test_powering_and_discovery_calls_per_adapter(scanned):
         [('Set', 'org.bluez.Adapter1.Powered=True')] + start + [('StopDiscovery', None)])
     assert busy.adapter_calls('/org/bluez/hci10') == start
     assert busy.adapter_calls('/org/bluez/usb0') == [('Set', 'org.bluez.Adapter1.Powered=True')]
+    # Nothing else: no introspection or property reads, one snapshot for the
+    # listing and one per poll of the two adapters that got to discover.
+    assert set(busy.sim.methods()) == {'GetManagedObjects', 'Set', 'SetDiscoveryFilter',
+                                       'StartDiscovery', 'StopDiscovery'}
+    assert busy.sim.methods().count('GetManagedObjects') == 1 + 10 + 10
     adapters = busy.sim.state()['adapters']
     assert adapters['/org/bluez/hci0']['sessions'] == []
     assert adapters['/org/bluez/hci1']['sessions'] == []

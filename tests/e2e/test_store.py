@@ -445,8 +445,8 @@ STALE_TMP = with_backup(
 GONE = [AD0 + '/' + MAC, AD1 + '/' + escaped(MAC.lower())]
 # world, run options, store, /tmp, the typed address, the error, the store entries that go.
 FORGETS = {
-    # BlueZ cannot remove it, or does not know it (nor, with blanks, take it as
-    # an address): the device's directories go from the store, which is saved.
+    # BlueZ cannot remove it, or does not know it: the device's directories go
+    # from the store, which is saved.
     'bluez-refuses': (bluez_knows(MAC, refuses=True), {}, FALLBACK_STORE, STALE_TMP, MAC, '',
                       GONE),
     'no-bus': (None, NO_BUS, FALLBACK_STORE, STALE_TMP, MAC, '', GONE),
@@ -454,10 +454,10 @@ FORGETS = {
                          ' aa-bb-cc-dd-ee-ff ', '', GONE),
     'invalid': (bluez_knows(MAC), {}, STORE, STALE_TMP, 'AA:BB:CC:DD:EE',
                 'invalid Bluetooth address: AA:BB:CC:DD:EE', []),
-    # The address is read once: padded, BlueZ removes it like any other; a
-    # word that is no address deletes nothing, not even a directory so named.
-    'padded-through-bluez': (bluez_knows(MAC), {}, STORE, STALE_TMP, ' aa:bb:cc:dd:ee:ff\t', '',
-                             []),
+    # The address is read once, blanks trimmed: BlueZ removes the device and
+    # the store is left to it. A word that is no address deletes nothing,
+    # though the store has a directory of that name under every adapter.
+    'blanks-trimmed': (bluez_knows(MAC), {}, STORE, STALE_TMP, ' aa-bb-cc-dd-ee-ff\t', '', []),
     'not-an-address': (None, {}, STORE, STALE_TMP, 'cache', 'invalid Bluetooth address: cache',
                        []),
     'unknown': (bluez_knows(MAC), {}, STORE, STALE_TMP, '12-34-56-78-9a-bc', 'device not found',

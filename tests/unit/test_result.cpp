@@ -92,12 +92,19 @@ private slots:
     }
 
     void simpleResultBytes() {
-        QCOMPARE(simpleResult(true, ""),
+        QCOMPARE(resultToJson(simpleResult({})),
                  QByteArray(R"({"adapters":[],"devices":[],"error":"","result":"ok"})"));
         QCOMPARE(
-            simpleResult(false, "device not found"),
+            resultToJson(simpleResult(kelvane::core::failure("device not found"))),
             QByteArray(
                 R"({"adapters":[],"devices":[],"error":"device not found","result":"error"})"));
+        // Partial failures are joined and still print as "ok".
+        ResultDocument partial;
+        partial.addPartialFailure("adapter 0: a");
+        partial.addPartialFailure("adapter 1: b");
+        QCOMPARE(resultToJson(partial),
+                 QByteArray(R"({"adapters":[],"devices":[],"error":"adapter 0: a; adapter 1: b",)"
+                            R"("result":"ok"})"));
         QCOMPARE(captureStream(stdout, [] { writeResultLine("{}"); }), QByteArray("{}\n"));
     }
 
@@ -110,15 +117,16 @@ private slots:
         QCOMPARE(deviceToJson(d).value("label").toString(), QString(" "));
     }
 
-    // The widest values of each field, written as plain integers.
+    // The widest values of each field, written as plain integers; an appearance
+    // without a name is described as "", not null.
     void integersWithoutFraction() {
         DeviceInfo d;
         d.classOfDevice = 4294967295u;
         d.rssi = -32768;
         d.appearance = 65535;
         const QByteArray json = documentWith(d);
-        for (const char *member :
-             {"\"class_of_device\":4294967295,", "\"rssi\":-32768,", "\"appearance\":65535,"})
+        for (const char *member : {"\"class_of_device\":4294967295,", "\"rssi\":-32768,",
+                                   "\"appearance\":65535,", "\"appearance_description\":\"\","})
             QVERIFY2(json.contains(member), json);
     }
 
