@@ -26,7 +26,7 @@ sys.path.insert(0, str(HERE.parent / 'e2e'))
 
 import contract  # noqa: E402
 import guest  # noqa: E402
-from simbus import PrivateBus, Sim  # noqa: E402
+from kelvane_sim.client import PrivateBus, Sim  # noqa: E402
 
 VM = HERE / 'vm.sh'
 # Seconds the guest may run; the VM gets a minute more to boot and power off.
