@@ -3,11 +3,16 @@ up, a call made to it, and the reply, error or store it must leave.'''
 
 import json
 import re
+import subprocess
+import sys
 import time
+from pathlib import Path
 
 import pytest
 
-from kelvane_sim import cli, scenario
+from kelvane_sim import Sim, cli, scenario
+
+LAUNCHER = Path(__file__).resolve().parents[1] / 'kelvane-sim'
 
 HOST = '00:1A:7D:DA:71:13'
 MAC = 'AA:BB:CC:DD:EE:FF'
@@ -43,7 +48,7 @@ def appear_and_change(w):
     seen = [DEV in w.devices()]
     w.discover(0.5)
     seen.append(props(w, DEV, 'RSSI')['RSSI'])
-    w.discover(1.0)
+    w.discover(2.0)
     return seen + [props(w, DEV, 'RSSI')['RSSI']]
 
 
@@ -60,6 +65,21 @@ def call_through_cli(w):
     status, out, _ = w.cli('call', w.bus.address, 'props', '["%s"]' % DEV.replace(MAC.replace(
         ':', '_'), '11_22_33_44_55_66'))
     return added[0], status, json.loads(out)['Name']
+
+
+def serve_and_attach(_w):
+    '''run without a command, driven by another process until SIGTERM.'''
+    process = subprocess.Popen([sys.executable, str(LAUNCHER), 'run', '--empty', '--calls'],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    address = process.stdout.readline().strip().split('=', 1)[1]
+    attached = Sim.attach(address)
+    attached.add_adapter('hci0')
+    attached.conn.call_blocking('org.bluez', '/', 'org.freedesktop.DBus.ObjectManager',
+                                'GetManagedObjects', '', [])
+    attached.stop()
+    process.terminate()
+    _, errors = process.communicate(timeout=30)
+    return process.returncode, 'org.freedesktop.DBus.ObjectManager.GetManagedObjects' in errors
 
 
 def check_files(w):
@@ -114,7 +134,7 @@ ROWS = [  # id, scenario, store before, what is done, what must come of it
                                                                'delay': 0.4})), None,
      timed_pair, ('ok', True)),
     ('a device appears, then its signal changes, with discovery',
-     world_of(device(appear_after=0.2, rssi=-70, changes=[{'after': 1.0, 'rssi': -40}])), None,
+     world_of(device(appear_after=0.2, rssi=-70, changes=[{'after': 2.0, 'rssi': -40}])), None,
      appear_and_change, [False, -70, -40]),
     ('a removed device is found again, unpaired, and unstored',
      world_of(device(paired=True, trusted=True, reappear_after=0.3)), None,
@@ -123,6 +143,14 @@ ROWS = [  # id, scenario, store before, what is done, what must come of it
                                                  'error': 'org.bluez.Error.Failed'}]), None,
      lambda w: [w.call('/org/bluez/hci0', 'org.bluez.Adapter1', 'StartDiscovery')
                 for _ in range(2)], ['org.bluez.Error.Failed', 'ok']),
+    ('an adapter added later takes back its stored devices', {}, STORED,
+     lambda w: (w.sim.add_adapter('hci0', address=HOST), props(w, DEV, 'Paired')),
+     ('/org/bluez/hci0', {'Paired': True})),
+    ('run stays up for clients that attach, and logs their calls', {}, None, serve_and_attach,
+     (0, True)),
+    ('run joins a given bus, unless org.bluez is taken there', {}, None,
+     lambda w: w.cli('run', '--empty', '--bus', w.bus.address, '--', 'true')[::2],
+     (1, re.compile(r'kelvane-sim: org\.bluez is already owned on unix:abstract=kelvane-.+\n'))),
     ('call drives a running simulator', world_of(), None, call_through_cli, (0, 0, 'Pen')),
     ('call without a simulator there', world_of(), None,
      lambda w: w.cli('call', 'unix:abstract=kelvane-nobody-here', 'state')[::2],
