@@ -12,7 +12,7 @@ python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux 
 realbluez=false
 for option in "$@"; do
     case $option in
-    --packaging) packages="$packages dpkg-dev debhelper fakeroot lintian" ;;
+    --packaging) packages="$packages dpkg-dev debhelper fakeroot lintian dh-python" ;;
     --realbluez)
         realbluez=true
         packages="$packages qemu-system-x86 busybox-static bluez bluez-test-tools kmod cpio gzip"

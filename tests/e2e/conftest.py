@@ -1,7 +1,7 @@
 '''Fixtures of the end-to-end suites.
 
 bus          a private dbus-daemon for this test alone
-sim          the simulated BlueZ on that bus (simbus.Sim), empty at start
+sim          the simulated BlueZ on that bus (kelvane_sim.Sim), empty at start
 run_kelvane  runs the binary from $KELVANE_BIN against that bus (harness.run_kelvane)
 
 When a test fails, the simulator's and the bus daemon's output are printed
@@ -13,7 +13,7 @@ import os
 import pytest
 
 import harness
-from simbus import PrivateBus, Sim, describe_failure
+from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
 
 @pytest.hookimpl(hookwrapper=True)

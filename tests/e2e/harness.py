@@ -211,12 +211,13 @@ def _in_namespace(request, timeout):
 
 
 def _request(*, binary, bus_address, root, store, tmp, env, timeout, readonly, umask, tmp_size,
-             var_lib_size, store_mount, bind):
+             var_lib_size, store_mount, bind, store_from=None):
     return {
         'binary': str(binary), 'env': _environment(root, bus_address, env), 'timeout': timeout,
         'uid': None if root else NOBODY, 'gid': None if root else NOBODY, 'umask': umask,
         'tmp': _describe(tmp, 0o1777),
-        'store': None if store is NO_STORE else _describe(store, 0o700),
+        'store': None if store is NO_STORE or store_from else _describe(store, 0o700),
+        'store_from': str(store_from) if store_from else None,
         'readonly': list(readonly), 'tmp_size': tmp_size, 'var_lib_size': var_lib_size,
         'store_mount': store_mount, 'bind': list(bind),
     }
@@ -225,7 +226,7 @@ def _request(*, binary, bus_address, root, store, tmp, env, timeout, readonly, u
 def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=None,
                 env=None, argv0=None, timeout=60, expect_json=True, readonly=(), umask=None,
                 tmp_size=None, var_lib_size=None, store_mount=False, bind=(),
-                snapshot_before=False, broken=()):
+                snapshot_before=False, broken=(), store_from=None):
     '''Runs `binary args...` in a private mount namespace and returns a Run.
 
     root: run as root, else as nobody (uid/gid 65534, no groups).
@@ -240,6 +241,8 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     umask: the tool's umask. tmp_size, var_lib_size: tmpfs sizes ("64k").
     store_mount: /var/lib/bluetooth is a file system of its own.
     bind: absolute directories bound onto themselves (mount points of their own).
+    store_from: a directory of the host bound onto /var/lib/bluetooth (a
+        simulator's store): what the run changes there stays, store is ignored.
     snapshot_before: also take run.tmp_before and run.store_before.
     broken: any of "stdout", "stderr": a pipe whose reader has gone (what
         the tool writes there is lost; Run has it as empty).
@@ -248,7 +251,7 @@ def run_kelvane(args, *, binary, bus_address=None, root=True, store=None, tmp=No
     request = _request(binary=binary, bus_address=bus_address, root=root, store=store, tmp=tmp,
                        env=env, timeout=timeout, readonly=readonly, umask=umask,
                        tmp_size=tmp_size, var_lib_size=var_lib_size, store_mount=store_mount,
-                       bind=bind)
+                       bind=bind, store_from=store_from)
     request['argv'] = argv
     request['snapshot_before'] = snapshot_before
     request['broken'] = list(broken)

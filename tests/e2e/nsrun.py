@@ -198,6 +198,9 @@ def main():
     request = json.load(sys.stdin)
     binary = request['binary']
     binary_fd = os.open(binary, os.O_RDONLY)
+    # Opened before /tmp is covered: the directory may well live there.
+    store_from = os.open(request['store_from'], os.O_RDONLY | os.O_DIRECTORY) \
+        if request.get('store_from') else -1
     mount('kelvane-tmp', '/tmp', 'tmpfs', data=tmpfs_options('1777', request.get('tmp_size')))
     # The tool's lock file lives in /run: a private one per run.
     mount('kelvane-run', '/run', 'tmpfs', data='mode=0755')
@@ -210,6 +213,11 @@ def main():
         # persistent storage: it cannot be renamed as a whole.
         os.mkdir(STORE)
         mount('kelvane-store', STORE, 'tmpfs', data='mode=0700')
+    if store_from >= 0:
+        # A directory of the host (a simulator's store, say) is the store.
+        os.mkdir(STORE)
+        mount('/proc/self/fd/%d' % store_from, STORE, flags=MS_BIND)
+        os.close(store_from)
     populate('/tmp', request['tmp'])
     if request['store'] is not None:
         populate(STORE, request['store'])

@@ -9,7 +9,7 @@ import time
 import dbus
 import pytest
 
-from simbus import PAGE_TIMEOUT, passkey_display
+from kelvane_sim.client import PAGE_TIMEOUT, passkey_display
 
 MAC = 'AA:BB:CC:DD:EE:FF'
 DEVICE = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'

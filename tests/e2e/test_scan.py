@@ -12,7 +12,7 @@ import dbus
 import pytest
 
 import harness
-from simbus import PrivateBus, Sim, describe_failure
+from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
 ADAPTER = 'org.bluez.Adapter1'
 PROPERTIES = 'org.freedesktop.DBus.Properties'

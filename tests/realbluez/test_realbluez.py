@@ -26,7 +26,7 @@ sys.path.insert(0, str(HERE.parent / 'e2e'))
 
 import contract  # noqa: E402
 import guest  # noqa: E402
-from simbus import PrivateBus, Sim  # noqa: E402
+from kelvane_sim.client import PrivateBus, Sim  # noqa: E402
 
 VM = HERE / 'vm.sh'
 # Seconds the guest may run; the VM gets a minute more to boot and power off.
@@ -376,3 +376,38 @@ def test_simulator_forgets_the_signal_strength_when_discovery_ends(vm, simulated
     before, after = (simulated[view]['objects'][vm.peer_path][guest.DEVICE]
                      for view in ('objects', 'after_discovery'))
     assert ('RSSI' in before, 'RSSI' in after) == (True, False)
+
+
+# Sections of bluetoothd's info file the simulator does not write: the Device
+# ID and the keys of the LE side of a dual-mode device.
+NOT_SIMULATED = {'DeviceID', 'LocalSignatureKey', 'RemoteSignatureKey', 'PeripheralLongTermKey',
+                 'SlaveLongTermKey'}
+
+
+def test_simulator_keeps_the_store_as_bluetoothd_does(vm, tmp_path):
+    '''The pairing, the trust the tool sets and the removal, done to the
+    simulator with a store, leave the files bluetoothd left.'''
+    info, cache, settings = ('%s/%s/info' % (vm.host, vm.peer),
+                             '%s/cache/%s' % (vm.host, vm.peer), vm.host + '/settings')
+    paired_store = vm.step('pair')['store']
+    real = info_file(paired_store[info])
+    with PrivateBus() as bus, Sim(bus, store=tmp_path) as sim:
+        sim.add_adapter('hci0', address=vm.host)
+        dev = sim.add_device('hci0', vm.peer, name=real['General']['Name'], pairing='just-works',
+                             uuids=real['General']['Services'].split(';')[:-1])
+        conn = bus.connect()
+        conn.call_blocking('org.bluez', dev, guest.DEVICE, 'Pair', '', [])
+        conn.call_blocking('org.bluez', dev, guest.PROPS, 'Set', 'ssv',
+                           [guest.DEVICE, 'Trusted', dbus.Boolean(True, variant_level=1)])
+        paired = {path: (tmp_path / path).read_text() for path in (info, settings)}
+        conn.call_blocking('org.bluez', guest.HOST_PATH, guest.ADAPTER, 'RemoveDevice', 'o', [dev])
+        removed = ((tmp_path / cache).read_text(), (tmp_path / vm.host / vm.peer).exists())
+        conn.close()
+    simulated = info_file(paired[info])
+    assert sorted(simulated) == sorted(set(real) - NOT_SIMULATED)
+    assert {name: list(simulated[name]) for name in simulated} == {
+        name: list(real[name]) for name in simulated}
+    # The peer is a dual-mode controller; the simulated device is BR/EDR only.
+    assert dict(simulated['General'], SupportedTechnologies='BR/EDR;LE;') == dict(real['General'])
+    assert paired[settings] == paired_store[settings]
+    assert removed == (vm.step('forget')['store'][cache], False)
