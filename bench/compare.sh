@@ -84,9 +84,9 @@ cp "$binary" "$scratch/bin/kelvane"
 
 # The driver runs in the background so that a signal to this script reaches
 # it (as SIGTERM: it then stops what it started and exits); unshare execs
-# it, so $! is the driver itself.
+# it, so $! is the driver itself. -B: no bytecode files in the source tree.
 # shellcheck disable=SC2086
-unshare --mount --propagation private /usr/bin/python3 "$top/bench/compare.py" \
+unshare --mount --propagation private /usr/bin/python3 -B "$top/bench/compare.py" \
     --kelvane "$scratch/bin/kelvane" --source "$binary" --bin "$scratch/bin" \
     --scratch "$scratch" --outer-namespace "$(readlink /proc/self/ns/mnt)" \
     --json "$scratch/result.json" $pass &
