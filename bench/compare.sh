@@ -6,7 +6,7 @@
 #   sh bench/compare.sh [--quick] [--keep] [--scratch-in DIR] [OPTIONS] [KELVANE]
 #
 #   KELVANE        the binary to measure (default: build/src/kelvane)
-#   --quick        fewer rounds (about 8 minutes instead of about 20)
+#   --quick        fewer rounds (about 6-8 minutes instead of 15-20)
 #   --keep         leave the scratch area in place (its path is printed)
 #   --scratch-in   where to make the scratch area (default /var/tmp); it
 #                  must be on the disk the backup figures should describe
@@ -32,7 +32,7 @@ while [ $# -gt 0 ]; do
     --quick) pass="$pass --quick" ;;
     --json) json=$2; shift ;;
     --sizes|--only|--time-limit) pass="$pass $1 $2"; shift ;;
-    -h|--help) sed -n '2,18p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,20p' "$0"; exit 0 ;;
     -*) echo "compare.sh: unknown option $1" >&2; exit 2 ;;
     *) binary=$1 ;;
     esac
