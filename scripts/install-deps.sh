@@ -11,7 +11,7 @@
 # Skips apt entirely when every package is already there.
 set -eu
 packages="cmake g++ make pkg-config qtbase5-dev libdbus-1-dev python3 python3-pytest python3-dbusmock
-python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux mount groff-base"
+python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux mount groff-base jq"
 realbluez=false
 for option in "$@"; do
     case $option in

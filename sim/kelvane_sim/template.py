@@ -161,6 +161,7 @@ class DeviceState:
         self.pairing = dict(DEFAULT_PAIRING)
         self.events = []  # (discovery seconds, action, props), sorted
         self.exported = False
+        self.signal = None  # RSSI and TxPower as last heard, while no discovery runs
         self.pairing_active = False
         # Seconds of discovery after which a removed device is found again,
         # as a device still in range would be; None: removal is for good.
@@ -534,6 +535,7 @@ class Simulator:
         running = bool(adapter.sessions)
         if running and adapter.since is None:
             adapter.since = time.monotonic()
+            self.recall_signal_strengths(adapter)
         elif not running and adapter.since is not None:
             adapter.discovered = adapter.clock()
             adapter.since = None
@@ -543,11 +545,21 @@ class Simulator:
 
     def forget_signal_strengths(self, adapter):
         '''bluetoothd drops RSSI and TxPower of the adapter's devices when
-        its discovery ends: they describe a discovery, not the device.'''
+        its discovery ends: they describe a discovery, not the device. A
+        device not found yet keeps what it will be heard at.'''
         for device in self.devices.values():
             stale = [name for name in ('RSSI', 'TxPower') if name in device.props[DEVICE_IFACE]]
-            if device.adapter == adapter.path and stale:
+            if device.adapter == adapter.path and device.exported and stale:
+                device.signal = {name: device.props[DEVICE_IFACE][name] for name in stale}
                 self.update_props(device.path, DEVICE_IFACE, {}, stale)
+
+    def recall_signal_strengths(self, adapter):
+        '''A device still in range is heard again as soon as a new discovery
+        starts, with the strength it was last heard at.'''
+        for device in self.devices.values():
+            if device.adapter == adapter.path and device.exported and device.signal:
+                self.update_props(device.path, DEVICE_IFACE, device.signal)
+                device.signal = None
 
     def set_discovery_filter(self, path, sender, discovery_filter):
         adapter = self.adapters[path]
