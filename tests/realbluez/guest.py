@@ -424,6 +424,10 @@ def run_cases(daemon):
     # The backup now holds the pairing; kept aside for the restore below.
     shutil.copytree(BACKUP, SAVED_BACKUP)
     RESULTS['probes']['paired'] = probe(bus(), PROBES_PAIRED, dev)
+    # The peer's record of the host gets its Services a moment after the
+    # pairing, from its own service discovery: list the store once settled.
+    wait_for(lambda: all('Services=' in text for path, text in tree(STORE).items()
+                         if path.count('/') == 2 and path.endswith('/info')), 15)
     kelvane('list', '-l')
     kelvane('forget', '-f', peer)
     kelvane('forget-again', '-f', peer)
