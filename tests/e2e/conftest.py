@@ -1,12 +1,7 @@
-'''Fixtures of the end-to-end suites.
-
-bus          a private dbus-daemon for this test alone
-sim          the simulated BlueZ on that bus (simbus.Sim), empty at start
-run_kelvane  runs the binary from $KELVANE_BIN against that bus (harness.run_kelvane)
-
-When a test fails, the simulator's and the bus daemon's output are printed
-with its report.
-'''
+# Fixtures of the end-to-end suites: bus (a private dbus-daemon), sim (the
+# simulated BlueZ on it, empty at start), binary (the built kelvane) and
+# run_kelvane (harness.run_kelvane against that bus). When a test fails, the
+# simulator's and the bus daemon's output are printed with its report.
 
 import os
 
@@ -15,25 +10,23 @@ import pytest
 import harness
 from simbus import PrivateBus, Sim, describe_failure
 
+if os.geteuid() == 0:
+    harness.enter_private_namespace()
+
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    setattr(item, 'report_' + report.when, report)
     del call
-
-
-def _failed(request):
-    report = getattr(request.node, 'report_call', None)
-    return report is not None and report.failed
+    report = (yield).get_result()
+    if report.when == 'call':
+        item.failed = report.failed
 
 
 @pytest.fixture
 def bus(request):
     private_bus = PrivateBus()
     yield private_bus
-    if _failed(request):
+    if getattr(request.node, 'failed', False):
         print(describe_failure(bus=private_bus))
     private_bus.stop()
 
@@ -42,38 +35,24 @@ def bus(request):
 def sim(bus, request):
     simulator = Sim(bus)
     yield simulator
-    if _failed(request):
+    if getattr(request.node, 'failed', False):
         print(describe_failure(sim=simulator))
     simulator.stop()
 
 
-@pytest.fixture
-def kelvane_bin():
-    binary = os.environ.get('KELVANE_BIN')
-    if not binary:
+@pytest.fixture(scope='session')
+def binary():
+    if not os.environ.get('KELVANE_BIN'):
         pytest.skip('KELVANE_BIN is not set (ctest sets it to the built binary)')
-    return binary
+    if os.geteuid() != 0:
+        pytest.skip('the end-to-end harness needs root for its mount namespaces')
+    return os.environ['KELVANE_BIN']
 
 
 @pytest.fixture
-def run_kelvane(bus, kelvane_bin):
-    '''run_kelvane(args, root=True, store={}, tmp={}, env=None, argv0=None,
-    timeout=60, expect_json=True, readonly=()) -> harness.Run'''
-
+def run_kelvane(bus, binary):
+    # run_kelvane(args, **options) -> harness.Run; see harness.run_kelvane.
     def run(args, **options):
         options.setdefault('bus_address', bus.address)
-        return harness.run_kelvane(args, binary=kelvane_bin, **options)
-
-    return run
-
-
-@pytest.fixture
-def run_scenario(bus, kelvane_bin):
-    '''run_scenario(name, store=None, tmp=None, timeout=120, store_mount=False,
-    bind=(), **params) -> (report, namespace report); see nsscenarios.py'''
-
-    def run(name, **options):
-        options.setdefault('bus_address', bus.address)
-        return harness.run_scenario(name, binary=kelvane_bin, **options)
-
+        return harness.run_kelvane(args, binary=binary, **options)
     return run
