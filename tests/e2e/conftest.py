@@ -1,7 +1,6 @@
 # Fixtures of the end-to-end suites: bus (a private dbus-daemon), sim (the
 # simulated BlueZ on it, empty at start), binary (the built kelvane) and
-# run_kelvane (harness.run_kelvane against that bus). When a test fails, the
-# simulator's and the bus daemon's output are printed with its report.
+# run_kelvane (harness.run_kelvane against that bus).
 
 import os
 
@@ -14,29 +13,20 @@ if os.geteuid() == 0:
     harness.enter_private_namespace()
 
 
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    del call
-    report = (yield).get_result()
-    if report.when == 'call':
-        item.failed = report.failed
-
-
+# What the fixtures print when they end is shown only with a failed test.
 @pytest.fixture
-def bus(request):
+def bus():
     private_bus = PrivateBus()
     yield private_bus
-    if getattr(request.node, 'failed', False):
-        print(describe_failure(bus=private_bus))
+    print(describe_failure(bus=private_bus))
     private_bus.stop()
 
 
 @pytest.fixture
-def sim(bus, request):
+def sim(bus):
     simulator = Sim(bus)
     yield simulator
-    if getattr(request.node, 'failed', False):
-        print(describe_failure(sim=simulator))
+    print(describe_failure(sim=simulator))
     simulator.stop()
 
 
