@@ -6,7 +6,8 @@ in alternating rounds so that they see the same machine state.
     sudo bench/backup.py BUILD/src/kelvane [OTHER/src/kelvane ...] [--rounds 10]
 
 Each run happens in a private mount namespace in which scratch directories on
-disk are bound over /tmp and /var/lib (the tool's paths are fixed),
+disk are bound over /tmp and /var/lib and a tmpfs covers /run (the tool's
+paths are fixed),
 without BlueZ, so that -f falls back to the store and then saves. Prints the
 median seconds per build and, for two builds, the ratio of the second to the
 first.'''
@@ -30,6 +31,8 @@ set -e
 scratch=$1; binary=$2; operation=$3
 mount --bind "$scratch/tmp" /tmp
 mount --bind "$scratch/varlib" /var/lib
+# The lock file: a private /run, never the host's /run/kelvane.lock.
+mount -t tmpfs -o mode=0755 kelvane-bench-run /run
 export DBUS_SYSTEM_BUS_ADDRESS=unix:abstract=kelvane-bench-no-bus
 if [ "$operation" = save ]; then
     exec "$binary" -f %s >/dev/null

@@ -5,18 +5,22 @@
 #   --realbluez  also what the real-BlueZ tier needs (tests/realbluez): QEMU,
 #                BlueZ with btvirt, busybox, and Debian's kernel unpacked into
 #                $KELVANE_VM_KERNEL_DIR (default /var/cache/kelvane/vm-kernel)
+#   --bench      also what bench/compare.sh needs: valgrind, GNU
+#                time, rsync, libdbus-1-dev (the replay server), bluez
+#                (bluetoothctl as the peer), systemd (busctl)
 # Skips apt entirely when every package is already there.
 set -eu
 packages="cmake g++ make pkg-config qtbase5-dev libdbus-1-dev python3 python3-pytest python3-dbusmock
-python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux mount groff-base"
+python3-dbus python3-gi python3-jsonschema dbus dbus-bin dbus-daemon util-linux mount groff-base jq"
 realbluez=false
 for option in "$@"; do
     case $option in
-    --packaging) packages="$packages dpkg-dev debhelper fakeroot lintian" ;;
+    --packaging) packages="$packages dpkg-dev debhelper fakeroot lintian dh-python" ;;
     --realbluez)
         realbluez=true
         packages="$packages qemu-system-x86 busybox-static bluez bluez-test-tools kmod cpio gzip"
         ;;
+    --bench) packages="$packages valgrind time rsync libdbus-1-dev bluez systemd diffutils" ;;
     *) echo "install-deps: unknown option: $option" >&2; exit 2 ;;
     esac
 done

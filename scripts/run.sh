@@ -21,4 +21,4 @@ if bluez_on_system_bus; then
     exec "$kelvane" -e "$@"
 fi
 echo "run: org.bluez is not on the system bus; using the simulated BlueZ (demo set) on a private bus" >&2
-exec "$top/scripts/bluez-sim" --demo -- "$kelvane" -e "$@"
+exec "$top/sim/kelvane-sim" run --demo -- "$kelvane" -e "$@"

@@ -16,7 +16,11 @@ bool isValidAddress(const QString &address) {
 }
 
 bool sameAddress(const QString &a, const QString &b) {
-    return normalizeAddress(a.trimmed()) == normalizeAddress(b.trimmed());
+    return addressKey(a) == addressKey(b);
+}
+
+QString addressKey(const QString &address) {
+    return normalizeAddress(address.trimmed());
 }
 
 } // namespace kelvane::bluez

@@ -15,4 +15,8 @@ bool isValidAddress(const QString &address);
 // blanks are dropped and both are normalised.
 bool sameAddress(const QString &a, const QString &b);
 
+// The form under which sameAddress compares: two addresses are the same
+// exactly when their keys are equal, so a key can index a table.
+QString addressKey(const QString &address);
+
 } // namespace kelvane::bluez

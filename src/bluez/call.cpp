@@ -17,6 +17,9 @@ std::optional<core::Error> &timedOut() {
 core::Expected<Message> send(const MethodCall &call) {
     if (timedOut())
         return *timedOut();
+    // Opens the connection (and loads the bus library) before anything is built.
+    if (const auto connection = systemBus(); !connection)
+        return connection.error();
     const auto message =
         methodCall(names::service, call.path, call.interface, call.method, call.arguments);
     if (!message)
@@ -28,7 +31,7 @@ core::Expected<Message> send(const MethodCall &call) {
             timedOut() = answer.error();
         return answer.error();
     }
-    if (dbus_message_get_type(answer->get()) == DBUS_MESSAGE_TYPE_ERROR)
+    if (libdbus().dbus_message_get_type(answer->get()) == DBUS_MESSAGE_TYPE_ERROR)
         return errorOf(answer->get());
     return answer;
 }

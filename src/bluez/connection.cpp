@@ -22,7 +22,7 @@ core::Error busError(const char *name, const char *message) {
 
 core::Error takeError(DBusError &error) {
     const core::Error taken = busError(error.name, error.message);
-    dbus_error_free(&error);
+    libdbus().dbus_error_free(&error);
     return taken;
 }
 
@@ -35,9 +35,9 @@ struct Bus {
         if (!connection)
             return;
         // Replies the agent queued in the last dispatch still go out.
-        dbus_connection_flush(connection);
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
+        libdbus().dbus_connection_flush(connection);
+        libdbus().dbus_connection_close(connection);
+        libdbus().dbus_connection_unref(connection);
     }
 };
 
@@ -47,7 +47,7 @@ Bus &bus() {
 }
 
 struct PendingUnref {
-    void operator()(DBusPendingCall *pending) const { dbus_pending_call_unref(pending); }
+    void operator()(DBusPendingCall *pending) const { libdbus().dbus_pending_call_unref(pending); }
 };
 using Pending = std::unique_ptr<DBusPendingCall, PendingUnref>;
 
@@ -56,14 +56,14 @@ using Pending = std::unique_ptr<DBusPendingCall, PendingUnref>;
 bool serveUntilCompleted(DBusConnection *connection, DBusPendingCall *pending) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point deadline = Clock::now() + defaultTimeout;
-    while (!dbus_pending_call_get_completed(pending)) {
+    while (!libdbus().dbus_pending_call_get_completed(pending)) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 ||
-            !dbus_connection_read_write_dispatch(connection, static_cast<int>(left.count())))
+        if (left.count() <= 0 || !libdbus().dbus_connection_read_write_dispatch(
+                                     connection, static_cast<int>(left.count())))
             break;
     }
-    return dbus_pending_call_get_completed(pending);
+    return libdbus().dbus_pending_call_get_completed(pending);
 }
 
 // libdbus answers a call that got no reply with an error message of its own,
@@ -72,11 +72,11 @@ bool serveUntilCompleted(DBusConnection *connection, DBusPendingCall *pending) {
 core::Expected<Message> answerOf(DBusConnection *connection, Message reply) {
     if (!reply)
         return busError(DBUS_ERROR_DISCONNECTED, disconnectedText);
-    const bool local = dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR &&
-                       dbus_message_get_sender(reply.get()) == nullptr;
+    const bool local = libdbus().dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR &&
+                       libdbus().dbus_message_get_sender(reply.get()) == nullptr;
     if (!local)
         return reply;
-    if (!dbus_connection_get_is_connected(connection))
+    if (!libdbus().dbus_connection_get_is_connected(connection))
         return busError(DBUS_ERROR_DISCONNECTED, disconnectedText);
     return errorOf(reply.get());
 }
@@ -86,8 +86,8 @@ DBusHandlerResult dispatchToHandler(DBusConnection *connection, DBusMessage *mes
     const Message reply = (*static_cast<ObjectHandler *>(handler))(message);
     if (!reply)
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    if (!dbus_message_get_no_reply(message))
-        dbus_connection_send(connection, reply.get(), nullptr);
+    if (!libdbus().dbus_message_get_no_reply(message))
+        libdbus().dbus_connection_send(connection, reply.get(), nullptr);
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
@@ -104,12 +104,16 @@ core::Expected<DBusConnection *> systemBus() {
     Bus &b = bus();
     if (!b.opened) {
         b.opened = true;
+        if (!loadLibDbus()) {
+            b.failure = busError(DBUS_ERROR_FAILED, libdbusLoadError());
+            return *b.failure;
+        }
         DBusError error;
-        dbus_error_init(&error);
-        b.connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
+        libdbus().dbus_error_init(&error);
+        b.connection = libdbus().dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
         if (b.connection)
             // Otherwise libdbus ends the process when the bus goes away.
-            dbus_connection_set_exit_on_disconnect(b.connection, FALSE);
+            libdbus().dbus_connection_set_exit_on_disconnect(b.connection, FALSE);
         else
             b.failure = takeError(error);
     }
@@ -123,20 +127,21 @@ core::Expected<Message> exchange(DBusMessage *call, Waiting waiting) {
     if (!connection)
         return connection.error();
     DBusPendingCall *sent = nullptr;
-    if (!dbus_connection_send_with_reply(*connection, call, &sent, DBUS_TIMEOUT_USE_DEFAULT))
+    if (!libdbus().dbus_connection_send_with_reply(*connection, call, &sent,
+                                                   DBUS_TIMEOUT_USE_DEFAULT))
         return busError(DBUS_ERROR_NO_MEMORY, "Not enough memory");
     if (!sent)
         return busError(DBUS_ERROR_DISCONNECTED, disconnectedText);
     const Pending pending(sent);
     if (waiting == Waiting::Blocking)
-        dbus_pending_call_block(sent);
+        libdbus().dbus_pending_call_block(sent);
     else if (!serveUntilCompleted(*connection, sent)) {
-        dbus_pending_call_cancel(sent);
-        if (!dbus_connection_get_is_connected(*connection))
+        libdbus().dbus_pending_call_cancel(sent);
+        if (!libdbus().dbus_connection_get_is_connected(*connection))
             return busError(DBUS_ERROR_DISCONNECTED, disconnectedText);
         return busError(DBUS_ERROR_NO_REPLY, noReplyText);
     }
-    return answerOf(*connection, Message(dbus_pending_call_steal_reply(sent)));
+    return answerOf(*connection, Message(libdbus().dbus_pending_call_steal_reply(sent)));
 }
 
 core::Status exportObject(const QString &path, ObjectHandler handler) {
@@ -145,9 +150,9 @@ core::Status exportObject(const QString &path, ObjectHandler handler) {
         return connection.error();
     auto *owned = new ObjectHandler(std::move(handler));
     DBusError error;
-    dbus_error_init(&error);
-    if (dbus_connection_try_register_object_path(*connection, path.toUtf8().constData(),
-                                                 &handlerTable, owned, &error))
+    libdbus().dbus_error_init(&error);
+    if (libdbus().dbus_connection_try_register_object_path(*connection, path.toUtf8().constData(),
+                                                           &handlerTable, owned, &error))
         return {};
     delete owned;
     return takeError(error);
@@ -155,7 +160,7 @@ core::Status exportObject(const QString &path, ObjectHandler handler) {
 
 void unexportObject(const QString &path) {
     if (const auto connection = systemBus())
-        dbus_connection_unregister_object_path(*connection, path.toUtf8().constData());
+        libdbus().dbus_connection_unregister_object_path(*connection, path.toUtf8().constData());
 }
 
 core::Expected<QString> nameOwner(const QString &name) {
@@ -167,7 +172,7 @@ core::Expected<QString> nameOwner(const QString &name) {
     const auto answer = exchange(call->get(), Waiting::Blocking);
     if (!answer)
         return answer.error();
-    if (dbus_message_get_type(answer->get()) == DBUS_MESSAGE_TYPE_ERROR)
+    if (libdbus().dbus_message_get_type(answer->get()) == DBUS_MESSAGE_TYPE_ERROR)
         return errorOf(answer->get());
     const std::vector<QVariant> arguments = readArguments(answer->get());
     return arguments.empty() ? QString() : arguments.front().toString();

@@ -9,11 +9,11 @@ namespace {
 // libdbus aborts the process on arguments it considers invalid, so whatever
 // is not a constant of ours is checked before it gets there.
 bool isSendableText(const QByteArray &bytes) {
-    return !bytes.contains('\0') && dbus_validate_utf8(bytes.constData(), nullptr);
+    return !bytes.contains('\0') && libdbus().dbus_validate_utf8(bytes.constData(), nullptr);
 }
 
 bool appendBasic(DBusMessageIter *iterator, int type, const void *value) {
-    return dbus_message_iter_append_basic(iterator, type, value);
+    return libdbus().dbus_message_iter_append_basic(iterator, type, value);
 }
 
 bool appendText(DBusMessageIter *iterator, const QString &text) {
@@ -25,7 +25,8 @@ bool appendText(DBusMessageIter *iterator, const QString &text) {
 bool appendPath(DBusMessageIter *iterator, const QString &path) {
     const QByteArray bytes = path.toUtf8();
     const char *data = bytes.constData();
-    return dbus_validate_path(data, nullptr) && appendBasic(iterator, DBUS_TYPE_OBJECT_PATH, &data);
+    return libdbus().dbus_validate_path(data, nullptr) &&
+           appendBasic(iterator, DBUS_TYPE_OBJECT_PATH, &data);
 }
 
 // Opens a container, fills it, closes it; false (and the message unusable)
@@ -33,13 +34,13 @@ bool appendPath(DBusMessageIter *iterator, const QString &path) {
 template <typename Fill>
 bool appendContainer(DBusMessageIter *iterator, int type, const char *signature, Fill fill) {
     DBusMessageIter inner;
-    if (!dbus_message_iter_open_container(iterator, type, signature, &inner))
+    if (!libdbus().dbus_message_iter_open_container(iterator, type, signature, &inner))
         return false;
     if (!fill(&inner)) {
-        dbus_message_iter_abandon_container(iterator, &inner);
+        libdbus().dbus_message_iter_abandon_container(iterator, &inner);
         return false;
     }
-    return dbus_message_iter_close_container(iterator, &inner);
+    return libdbus().dbus_message_iter_close_container(iterator, &inner);
 }
 
 struct Appender {
@@ -77,7 +78,7 @@ struct Appender {
 
 bool appendArguments(DBusMessage *message, const std::vector<Argument> &arguments) {
     DBusMessageIter iterator;
-    dbus_message_iter_init_append(message, &iterator);
+    libdbus().dbus_message_iter_init_append(message, &iterator);
     for (const Argument &argument : arguments) {
         if (!std::visit(Appender{&iterator}, argument))
             return false;
@@ -92,22 +93,22 @@ core::Error invalidArguments(const QString &method) {
 
 QString textAt(DBusMessageIter *iterator) {
     const char *text = nullptr;
-    dbus_message_iter_get_basic(iterator, &text);
+    libdbus().dbus_message_iter_get_basic(iterator, &text);
     return core::fromUtf8(text, static_cast<int>(qstrlen(text)));
 }
 
 template <typename T> T basicAt(DBusMessageIter *iterator) {
     T value{};
-    dbus_message_iter_get_basic(iterator, &value);
+    libdbus().dbus_message_iter_get_basic(iterator, &value);
     return value;
 }
 
 template <typename Visit> void forEachElement(DBusMessageIter *array, Visit visit) {
     DBusMessageIter element;
-    dbus_message_iter_recurse(array, &element);
-    while (dbus_message_iter_get_arg_type(&element) != DBUS_TYPE_INVALID) {
+    libdbus().dbus_message_iter_recurse(array, &element);
+    while (libdbus().dbus_message_iter_get_arg_type(&element) != DBUS_TYPE_INVALID) {
         visit(&element);
-        dbus_message_iter_next(&element);
+        libdbus().dbus_message_iter_next(&element);
     }
 }
 
@@ -115,9 +116,9 @@ template <typename Visit> void forEachElement(DBusMessageIter *array, Visit visi
 template <typename Visit> void forEachEntry(DBusMessageIter *dictionary, Visit visit) {
     forEachElement(dictionary, [&](DBusMessageIter *entry) {
         DBusMessageIter key;
-        dbus_message_iter_recurse(entry, &key);
+        libdbus().dbus_message_iter_recurse(entry, &key);
         DBusMessageIter value = key;
-        dbus_message_iter_next(&value);
+        libdbus().dbus_message_iter_next(&value);
         visit(&key, &value);
     });
 }
@@ -130,7 +131,7 @@ QStringList textsAt(DBusMessageIter *array) {
 
 QVariant variantContentAt(DBusMessageIter *variant) {
     DBusMessageIter content;
-    dbus_message_iter_recurse(variant, &content);
+    libdbus().dbus_message_iter_recurse(variant, &content);
     return readValue(&content);
 }
 
@@ -144,7 +145,7 @@ PropertyMap propertiesAt(DBusMessageIter *dictionary) {
 }
 
 bool hasSignature(DBusMessage *message, const char *signature) {
-    return message && dbus_message_has_signature(message, signature);
+    return message && libdbus().dbus_message_has_signature(message, signature);
 }
 
 } // namespace
@@ -153,50 +154,51 @@ core::Expected<Message> methodCall(const QString &destination, const QString &pa
                                    const QString &interface, const QString &method,
                                    const std::vector<Argument> &arguments) {
     const QByteArray pathBytes = path.toUtf8();
-    if (!dbus_validate_path(pathBytes.constData(), nullptr))
+    if (!libdbus().dbus_validate_path(pathBytes.constData(), nullptr))
         return invalidArguments(method);
-    Message message(
-        dbus_message_new_method_call(destination.toUtf8().constData(), pathBytes.constData(),
-                                     interface.toUtf8().constData(), method.toUtf8().constData()));
+    Message message(libdbus().dbus_message_new_method_call(
+        destination.toUtf8().constData(), pathBytes.constData(), interface.toUtf8().constData(),
+        method.toUtf8().constData()));
     if (!message || !appendArguments(message.get(), arguments))
         return invalidArguments(method);
     return message;
 }
 
 Message methodReturn(DBusMessage *call, const std::vector<Argument> &arguments) {
-    Message reply(dbus_message_new_method_return(call));
+    Message reply(libdbus().dbus_message_new_method_return(call));
     if (reply && appendArguments(reply.get(), arguments))
         return reply;
-    return errorReply(call, invalidArguments(QString::fromUtf8(dbus_message_get_member(call))));
+    return errorReply(call,
+                      invalidArguments(QString::fromUtf8(libdbus().dbus_message_get_member(call))));
 }
 
 Message errorReply(DBusMessage *call, const core::Error &error) {
     QByteArray name = error.name.toUtf8();
-    if (!dbus_validate_error_name(name.constData(), nullptr))
+    if (!libdbus().dbus_validate_error_name(name.constData(), nullptr))
         name = DBUS_ERROR_FAILED;
     QByteArray text = error.message.toUtf8();
     if (!isSendableText(text))
         text.clear();
-    return Message(dbus_message_new_error(call, name.constData(), text.constData()));
+    return Message(libdbus().dbus_message_new_error(call, name.constData(), text.constData()));
 }
 
 core::Error errorOf(DBusMessage *errorMessage) {
     core::Error error;
-    error.name = QString::fromUtf8(dbus_message_get_error_name(errorMessage));
+    error.name = QString::fromUtf8(libdbus().dbus_message_get_error_name(errorMessage));
     DBusMessageIter iterator;
-    if (dbus_message_iter_init(errorMessage, &iterator) &&
-        dbus_message_iter_get_arg_type(&iterator) == DBUS_TYPE_STRING)
+    if (libdbus().dbus_message_iter_init(errorMessage, &iterator) &&
+        libdbus().dbus_message_iter_get_arg_type(&iterator) == DBUS_TYPE_STRING)
         error.message = textAt(&iterator);
     return error;
 }
 
 std::optional<IncomingCall> incomingCall(DBusMessage *message) {
-    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+    if (libdbus().dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
         return std::nullopt;
-    return IncomingCall{QString::fromUtf8(dbus_message_get_interface(message)),
-                        QString::fromUtf8(dbus_message_get_member(message)),
-                        QString::fromUtf8(dbus_message_get_signature(message)),
-                        QString::fromUtf8(dbus_message_get_sender(message))};
+    return IncomingCall{QString::fromUtf8(libdbus().dbus_message_get_interface(message)),
+                        QString::fromUtf8(libdbus().dbus_message_get_member(message)),
+                        QString::fromUtf8(libdbus().dbus_message_get_signature(message)),
+                        QString::fromUtf8(libdbus().dbus_message_get_sender(message))};
 }
 
 core::Error unknownMethod(const IncomingCall &call) {
@@ -207,7 +209,7 @@ core::Error unknownMethod(const IncomingCall &call) {
 }
 
 QVariant readValue(DBusMessageIter *iterator) {
-    switch (dbus_message_iter_get_arg_type(iterator)) {
+    switch (libdbus().dbus_message_iter_get_arg_type(iterator)) {
     case DBUS_TYPE_BOOLEAN:
         return QVariant(basicAt<dbus_bool_t>(iterator) != 0);
     case DBUS_TYPE_BYTE:
@@ -231,7 +233,7 @@ QVariant readValue(DBusMessageIter *iterator) {
     case DBUS_TYPE_OBJECT_PATH:
         return QVariant::fromValue(ObjectPath{textAt(iterator)});
     case DBUS_TYPE_ARRAY:
-        if (dbus_message_iter_get_element_type(iterator) == DBUS_TYPE_STRING)
+        if (libdbus().dbus_message_iter_get_element_type(iterator) == DBUS_TYPE_STRING)
             return textsAt(iterator);
         break;
     default:
@@ -243,18 +245,19 @@ QVariant readValue(DBusMessageIter *iterator) {
 std::vector<QVariant> readArguments(DBusMessage *message) {
     std::vector<QVariant> arguments;
     DBusMessageIter iterator;
-    if (!dbus_message_iter_init(message, &iterator))
+    if (!libdbus().dbus_message_iter_init(message, &iterator))
         return arguments;
     do
         arguments.push_back(readValue(&iterator));
-    while (dbus_message_iter_next(&iterator));
+    while (libdbus().dbus_message_iter_next(&iterator));
     return arguments;
 }
 
 ManagedObjectMap readManagedObjects(DBusMessage *reply) {
     ManagedObjectMap objects;
     DBusMessageIter iterator;
-    if (!hasSignature(reply, "a{oa{sa{sv}}}") || !dbus_message_iter_init(reply, &iterator))
+    if (!hasSignature(reply, "a{oa{sa{sv}}}") ||
+        !libdbus().dbus_message_iter_init(reply, &iterator))
         return objects;
     forEachEntry(&iterator, [&](DBusMessageIter *path, DBusMessageIter *interfaces) {
         InterfaceMap &object = objects[textAt(path)];
@@ -267,14 +270,14 @@ ManagedObjectMap readManagedObjects(DBusMessage *reply) {
 
 PropertyMap readProperties(DBusMessage *reply) {
     DBusMessageIter iterator;
-    if (!hasSignature(reply, "a{sv}") || !dbus_message_iter_init(reply, &iterator))
+    if (!hasSignature(reply, "a{sv}") || !libdbus().dbus_message_iter_init(reply, &iterator))
         return {};
     return propertiesAt(&iterator);
 }
 
 QVariant readVariant(DBusMessage *reply) {
     DBusMessageIter iterator;
-    if (!hasSignature(reply, "v") || !dbus_message_iter_init(reply, &iterator))
+    if (!hasSignature(reply, "v") || !libdbus().dbus_message_iter_init(reply, &iterator))
         return {};
     return variantContentAt(&iterator);
 }

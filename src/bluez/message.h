@@ -1,13 +1,12 @@
 #pragma once
 
+#include "bluez/libdbus.h"
 #include "bluez/objectmap.h"
 #include "core/expected.h"
 
 #include <QMetaType>
 #include <QString>
 #include <QVariant>
-
-#include <dbus/dbus.h>
 
 #include <memory>
 #include <optional>
@@ -19,7 +18,7 @@
 namespace kelvane::bluez {
 
 struct MessageUnref {
-    void operator()(DBusMessage *message) const { dbus_message_unref(message); }
+    void operator()(DBusMessage *message) const { libdbus().dbus_message_unref(message); }
 };
 // An owned reference to a libdbus message; null means "no message".
 using Message = std::unique_ptr<DBusMessage, MessageUnref>;

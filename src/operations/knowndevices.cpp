@@ -6,6 +6,8 @@
 #include "storage/paths.h"
 #include "storage/storelisting.h"
 
+#include <QHash>
+
 #include <algorithm>
 
 namespace kelvane::operations {
@@ -15,16 +17,23 @@ namespace {
 using core::DeviceInfo;
 using storage::StoredDevice;
 
-const DeviceInfo *livePartner(const std::vector<DeviceInfo> &live, const QString &storedAddress) {
+// The live devices by address key, the first of each address winning: a
+// store of thousands is joined in linear time.
+using LiveIndex = QHash<QString, const DeviceInfo *>;
+
+LiveIndex indexByAddress(const std::vector<DeviceInfo> &live) {
+    LiveIndex index;
+    index.reserve(static_cast<int>(live.size()));
     for (const DeviceInfo &device : live) {
-        if (bluez::sameAddress(core::fromUtf8(device.address), storedAddress))
-            return &device;
+        const QString key = bluez::addressKey(core::fromUtf8(device.address));
+        if (!index.contains(key))
+            index.insert(key, &device);
     }
-    return nullptr;
+    return index;
 }
 
 // The store supplies the facts; the bus only the object path and connection.
-DeviceInfo knownDevice(const StoredDevice &stored, const std::vector<DeviceInfo> &live) {
+DeviceInfo knownDevice(const StoredDevice &stored, const LiveIndex &live) {
     DeviceInfo device;
     device.address = core::toUtf8(stored.address);
     device.name = core::toUtf8(stored.name);
@@ -34,7 +43,7 @@ DeviceInfo knownDevice(const StoredDevice &stored, const std::vector<DeviceInfo>
     device.appearance = stored.appearance;
     for (const QString &uuid : stored.services)
         device.uuids.push_back(core::toUtf8(uuid));
-    if (const DeviceInfo *partner = livePartner(live, stored.address)) {
+    if (const DeviceInfo *partner = live.value(bluez::addressKey(stored.address))) {
         device.connected = partner->connected;
         device.path = partner->path;
     }
@@ -66,10 +75,11 @@ result::ResultDocument listKnownDevices() {
     const std::vector<DeviceInfo> liveDevices = live ? *live : std::vector<DeviceInfo>();
     const std::vector<StoredDevice> stored = storage::listStoredDevices(storage::storeRoot);
 
+    const LiveIndex index = indexByAddress(liveDevices);
     std::vector<DeviceInfo> known;
     known.reserve(stored.size());
     for (const StoredDevice &device : stored)
-        known.push_back(knownDevice(device, liveDevices));
+        known.push_back(knownDevice(device, index));
 
     result::ResultDocument document;
     document.mergeDevices(known);

@@ -10,6 +10,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <unordered_map>
 
 namespace kelvane::operations {
 
@@ -26,18 +27,25 @@ std::vector<core::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
 }
 
 // Unlike the result document's merge, the latest poll always wins here: a scan
-// reports what the device looked like when it was last seen.
-void mergeLatest(std::vector<core::DeviceInfo> &seen, std::vector<core::DeviceInfo> poll) {
-    for (core::DeviceInfo &device : poll) {
-        auto existing = std::find_if(seen.begin(), seen.end(), [&](const core::DeviceInfo &d) {
-            return d.address == device.address;
-        });
-        if (existing == seen.end())
-            seen.push_back(std::move(device));
-        else
-            *existing = std::move(device);
+// reports what the device looked like when it was last seen. Indexed by
+// address, so each poll costs its own size, not that times what was seen.
+class LatestByAddress {
+public:
+    void merge(std::vector<core::DeviceInfo> poll) {
+        for (core::DeviceInfo &device : poll) {
+            const auto [at, added] = m_index.emplace(device.address, m_seen.size());
+            if (added)
+                m_seen.push_back(std::move(device));
+            else
+                m_seen[at->second] = std::move(device);
+        }
     }
-}
+    std::vector<core::DeviceInfo> take() { return std::move(m_seen); }
+
+private:
+    std::vector<core::DeviceInfo> m_seen;
+    std::unordered_map<std::string, size_t> m_index;
+};
 
 std::string adapterReport(const core::AdapterInfo &adapter, const QString &error) {
     return "adapter " + std::to_string(adapter.id) + ": " + core::toUtf8(error);
@@ -52,12 +60,13 @@ core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInf
         return powered.error();
     if (const core::Status started = bluez::startDiscovery(path); !started)
         return started.error();
-    std::vector<core::DeviceInfo> seen;
+    LatestByAddress latest;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
-        mergeLatest(seen, pollAdapterDevices(path));
+        latest.merge(pollAdapterDevices(path));
     }
     bluez::stopDiscovery(path);
+    std::vector<core::DeviceInfo> seen = latest.take();
     std::sort(seen.begin(), seen.end(), result::deviceSortsBefore);
     return seen;
 }

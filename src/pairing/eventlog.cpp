@@ -9,17 +9,16 @@
 
 #include <QDateTime>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
 
 #include <optional>
+#include <vector>
 
 namespace kelvane::pairing {
 
 namespace {
 
 struct LogState {
-    QJsonArray events;
+    std::vector<QByteArray> events; // each event's JSON
     std::optional<core::DeviceInfo> device;
     QString filePath = PairingEventLog::defaultFilePath;
 };
@@ -32,7 +31,7 @@ LogState &state() {
 } // namespace
 
 void PairingEventLog::reset() {
-    state().events = QJsonArray();
+    state().events.clear();
     state().device.reset();
     writeFile();
 }
@@ -43,7 +42,7 @@ void PairingEventLog::setDevice(const core::DeviceInfo &device) {
 
 void PairingEventLog::logEvent(const QString &name, const QString &passkey) {
     const qint64 timestamp = QDateTime::currentDateTimeUtc().toSecsSinceEpoch();
-    state().events.append(result::eventToJson(name, timestamp, state().device, passkey));
+    state().events.push_back(result::eventToJson(name, timestamp, state().device, passkey));
     writeFile();
 }
 
@@ -58,8 +57,7 @@ void PairingEventLog::writeFile() {
     // Written beside and renamed over the old one, so a reader always sees a
     // whole array, and whatever another user left at the name is replaced,
     // never opened.
-    (void)storage::replaceFile(file.path(), file.fileName(),
-                               QJsonDocument(state().events).toJson(QJsonDocument::Compact) + '\n',
+    (void)storage::replaceFile(file.path(), file.fileName(), result::eventsToJson(state().events),
                                0644);
 }
 

@@ -3,6 +3,7 @@
 #include "core/utf8.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 namespace kelvane::result {
 
@@ -24,14 +25,18 @@ bool replacesExisting(const DeviceInfo &incoming, const DeviceInfo &existing) {
 } // namespace
 
 void ResultDocument::mergeDevices(const std::vector<DeviceInfo> &incoming) {
+    // Where the first device of each address is: thousands of devices merge
+    // in linear time.
+    std::unordered_map<std::string, size_t> byAddress;
+    byAddress.reserve(m_devices.size() + incoming.size());
+    for (size_t i = 0; i < m_devices.size(); ++i)
+        byAddress.emplace(m_devices[i].address, i);
     for (const DeviceInfo &device : incoming) {
-        auto existing = std::find_if(m_devices.begin(), m_devices.end(), [&](const DeviceInfo &d) {
-            return d.address == device.address;
-        });
-        if (existing == m_devices.end())
+        const auto [at, added] = byAddress.emplace(device.address, m_devices.size());
+        if (added)
             m_devices.push_back(device);
-        else if (replacesExisting(device, *existing))
-            *existing = device;
+        else if (replacesExisting(device, m_devices[at->second]))
+            m_devices[at->second] = device;
     }
     std::sort(m_devices.begin(), m_devices.end(), deviceSortsBefore);
 }

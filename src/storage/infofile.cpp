@@ -80,15 +80,15 @@ void applyDeviceId(const QString &key, const QString &value, StoredDevice &devic
 
 } // namespace
 
-bool parseInfoFile(const QString &path, StoredDevice &device) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return false;
-
+void parseInfoText(const QByteArray &text, StoredDevice &device) {
     QString section;
-    while (!file.atEnd()) {
-        // Decoded whole: a NUL does not end the line.
-        const QString line = core::fromUtf8(file.readLine()).trimmed();
+    for (qsizetype start = 0; start < text.size();) {
+        qsizetype end = text.indexOf('\n', start);
+        if (end < 0)
+            end = text.size();
+        // Decoded whole: a NUL does not end the line. Trimming drops a "\r".
+        const QString line = core::fromUtf8(text.constData() + start, int(end - start)).trimmed();
+        start = end + 1;
         if (line.isEmpty() || line.startsWith(QLatin1Char('#')) ||
             line.startsWith(QLatin1Char(';')))
             continue;
@@ -106,6 +106,13 @@ bool parseInfoFile(const QString &path, StoredDevice &device) {
         else if (section == QLatin1String("DeviceID"))
             applyDeviceId(key, value, device);
     }
+}
+
+bool parseInfoFile(const QString &path, StoredDevice &device) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    parseInfoText(file.readAll(), device);
     return true;
 }
 

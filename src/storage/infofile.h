@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
@@ -29,6 +30,9 @@ struct StoredDevice {
 // Fills the fields the info file at path mentions; the others keep the
 // caller's values. False (record untouched) when the file cannot be opened.
 bool parseInfoFile(const QString &path, StoredDevice &device);
+
+// The same for the content of an info file.
+void parseInfoText(const QByteArray &text, StoredDevice &device);
 
 // true/1/yes and false/0/no in any letter case set flag; anything else
 // leaves it alone and returns false.

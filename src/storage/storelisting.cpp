@@ -1,50 +1,94 @@
 #include "storage/storelisting.h"
 
 #include "classify/label.h"
+#include "storage/fd.h"
+#include "storage/tree.h"
 
-#include <QDir>
-#include <QFileInfo>
+#include <QFile>
 
 #include <algorithm>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace kelvane::storage {
+
+namespace {
+
+QString storeName(const std::string &name) {
+    return unescapeStoreName(QFile::decodeName(QByteArray::fromStdString(name)));
+}
+
+// The visible entries of dir that are directories, links to them included.
+template <typename Visit> void forEachSubdirectory(int dirFd, Visit visit) {
+    for (const std::string &name : entryNames(dirFd)) {
+        if (isHidden(name))
+            continue;
+        const Fd sub(::openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (sub.valid())
+            visit(name, sub.get());
+    }
+}
+
+// The device's info file, when it is one: an adapter also keeps e.g. "cache",
+// and having no info file is what tells those apart. Opened without waiting,
+// should something else than a file sit there.
+bool readInfo(int deviceFd, QByteArray &content) {
+    const Fd info(::openat(deviceFd, "info", O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st {};
+    if (!info.valid() || ::fstat(info.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    QFile file;
+    if (!file.open(info.get(), QIODevice::ReadOnly))
+        return false;
+    content = file.readAll();
+    return true;
+}
+
+// By label, then address, as QString orders them; the labels worked out once.
+void sortByLabel(std::vector<StoredDevice> &devices) {
+    std::vector<std::pair<QString, size_t>> keys;
+    keys.reserve(devices.size());
+    for (size_t i = 0; i < devices.size(); ++i)
+        keys.emplace_back(classify::displayLabel(devices[i].name, QString()), i);
+    std::sort(keys.begin(), keys.end(), [&](const auto &a, const auto &b) {
+        if (a.first != b.first)
+            return a.first < b.first;
+        return devices[a.second].address < devices[b.second].address;
+    });
+    std::vector<StoredDevice> sorted;
+    sorted.reserve(devices.size());
+    for (const auto &key : keys)
+        sorted.push_back(std::move(devices[key.second]));
+    devices = std::move(sorted);
+}
+
+} // namespace
 
 QString unescapeStoreName(const QString &name) {
     QString result = name;
     return result.replace(QLatin1String("\\:"), QLatin1String(":"));
 }
 
-QFileInfoList storeSubdirectories(const QString &dir) {
-    return QDir(dir).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
-}
-
 std::vector<StoredDevice> listStoredDevices(const QString &root) {
     std::vector<StoredDevice> devices;
-    if (!QFileInfo(root).isDir())
+    const Fd store(::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!store.valid())
         return devices;
-
-    for (const QFileInfo &adapterDir : storeSubdirectories(root)) {
-        // Besides device directories an adapter keeps e.g. "cache"; having
-        // no info file is what tells those apart.
-        for (const QFileInfo &deviceDir : storeSubdirectories(adapterDir.filePath())) {
-            const QString infoPath = deviceDir.filePath() + QStringLiteral("/info");
-            if (!QFileInfo::exists(infoPath))
-                continue;
+    forEachSubdirectory(store.get(), [&](const std::string &adapterName, int adapterFd) {
+        const QString adapter = storeName(adapterName);
+        forEachSubdirectory(adapterFd, [&](const std::string &deviceName, int deviceFd) {
+            QByteArray info;
+            if (!readInfo(deviceFd, info))
+                return;
             StoredDevice device;
-            device.adapter = unescapeStoreName(adapterDir.fileName());
-            device.address = unescapeStoreName(deviceDir.fileName());
-            if (parseInfoFile(infoPath, device))
-                devices.push_back(std::move(device));
-        }
-    }
-
-    std::sort(devices.begin(), devices.end(), [](const StoredDevice &a, const StoredDevice &b) {
-        const QString labelA = classify::displayLabel(a.name, QString());
-        const QString labelB = classify::displayLabel(b.name, QString());
-        if (labelA != labelB)
-            return labelA < labelB;
-        return a.address < b.address;
+            device.adapter = adapter;
+            device.address = storeName(deviceName);
+            parseInfoText(info, device);
+            devices.push_back(std::move(device));
+        });
     });
+    sortByLabel(devices);
     return devices;
 }
 

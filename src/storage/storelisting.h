@@ -2,7 +2,6 @@
 
 #include "storage/infofile.h"
 
-#include <QFileInfoList>
 #include <QString>
 
 #include <vector>
@@ -16,8 +15,5 @@ std::vector<StoredDevice> listStoredDevices(const QString &root);
 
 // A store directory name with each "\:" turned into ":".
 QString unescapeStoreName(const QString &name);
-
-// The visible subdirectories of dir (links to directories included), unsorted.
-QFileInfoList storeSubdirectories(const QString &dir);
 
 } // namespace kelvane::storage

@@ -7,7 +7,7 @@ import os
 import pytest
 
 import harness
-from simbus import PrivateBus, Sim, describe_failure
+from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
 if os.geteuid() == 0:
     harness.enter_private_namespace()

@@ -1,6 +1,7 @@
 """What ships beside the binary: manual page, README, bash completion, install layout,
 checked against the real tool's usage text."""
 
+import json
 import os
 import re
 import subprocess
@@ -8,12 +9,15 @@ from pathlib import Path
 
 import pytest
 
+import harness
 from contract import validate_events, validate_result
+from kelvane_sim.client import PrivateBus, Sim
 
 TOP = Path(__file__).resolve().parents[2]
 MAN_PAGE = TOP / "doc" / "kelvane.1"
 README = TOP / "README.md"
 COMPLETION = TOP / "completion" / "kelvane"
+SIM = TOP / "sim"
 KELVANE_BIN = os.environ.get("KELVANE_BIN")
 
 needs_binary = pytest.mark.skipif(not KELVANE_BIN, reason="KELVANE_BIN is set by CTest")
@@ -67,17 +71,133 @@ def test_man_page_and_readme_document_every_usage_option():
     assert [o for o in options if f"`{o}`" not in text and f"kelvane {o}" not in text] == []
 
 
-@pytest.mark.parametrize("source", ["man page", "README"])
-def test_documented_examples_keep_to_the_contract(source):
-    text = render_man_page() if source == "man page" else README.read_text(encoding="utf-8")
-    lines = [line.strip() for line in text.splitlines()]
-    results = [line for line in lines if line.startswith('{"adapters"')]
-    events = [line for line in lines if line.startswith('[{"')]
-    assert len(results) >= 4 and len(events) >= 1, (len(results), len(events))
-    for line in results:
-        validate_result(line + "\n")
-    for line in events:
-        validate_events(line + "\n")
+# ---------------------------------------------------------------- examples
+#
+# Every example of README.md and the manual page is a block of prompts ("$ "
+# or "# ") with the output under each, preceded by a comment naming its world:
+# "<!-- example world: NAME -->" or '.\\" example world: NAME'. The blocks
+# of one document run in order, each as one shell session in a fresh
+# namespace, against the world's simulated BlueZ and store, which carry over
+# from block to block. KELVANE_UPDATE_EXAMPLES=1 writes the outputs back.
+
+SCAN_WORLDS = {
+    "two adapters, one failing": {
+        "adapters": [{"id": "hci0", "address": "00:1A:7D:DA:71:13", "name": "workstation"},
+                     {"id": "hci1", "address": "00:1A:7D:DA:71:14", "name": "dongle",
+                      "powered": False}],
+        "faults": [{"method": "Set", "property": "Powered", "path": "/org/bluez/hci1",
+                    "error": "org.bluez.Error.NotReady", "message": "Resource Not Ready",
+                    "times": "always"}]},
+    "no adapters": {},
+}
+MARK = re.compile(r'^(?:<!-- example world: (.+) -->|\.\\" example world: (.+))$')
+PROMPT = re.compile(r"^[$#] ")
+TIMESTAMP = re.compile(r'"timestamp":\d+')
+ROFF = [("\\-", "-"), ("\\(aq", "'"), ("\\e", "\\")]
+
+
+def roff_text(line, back=False):
+    for escaped, plain in (reversed(ROFF) if back else ROFF):
+        line = line.replace(plain, escaped) if back else line.replace(escaped, plain)
+    return line
+
+
+def example_blocks(path):
+    """[(world, first line index, last line index, [(prompt, [output lines])])]."""
+    lines, roff = path.read_text(encoding="utf-8").splitlines(), path.suffix == ".1"
+    blocks, index = [], 0
+    while index < len(lines):
+        mark = MARK.match(lines[index])
+        index += 1
+        if not mark:
+            continue
+        start = next(i for i in range(index, len(lines)) if lines[i] in ("```", ".EX")) + 1
+        end = next(i for i in range(start, len(lines)) if lines[i] in ("```", ".EE"))
+        session = []
+        for line in lines[start:end]:
+            line = roff_text(line) if roff else line
+            if PROMPT.match(line):
+                session.append((line[2:], []))
+            else:
+                session[-1][1].append(line)
+        blocks.append((mark.group(1) or mark.group(2), start, end, session))
+        index = end
+    return blocks
+
+
+def play(session, world, worlds, kelvane_bin):
+    """The outputs of a block's prompts, run as one shell session."""
+    script = "export PATH=%s:$PATH\ncd /tmp\n" % Path(kelvane_bin).resolve().parent + "".join(
+        "%s\necho @@@\n" % command for command, _ in session)
+    bus, store = worlds.enter(world)
+    run = harness.run_kelvane(["-c", script], binary="/bin/sh", argv0="sh", bus_address=bus,
+                              box=harness.Box(store_from=store), expect_json=False, timeout=120)
+    return [chunk.splitlines() for chunk in run.stdout.split("@@@\n")[:-1]]
+
+
+class Worlds:
+    """The demo world keeps its simulator and store for the whole document."""
+
+    def __init__(self, tmp_path):
+        self.store = tmp_path / "store"
+        self.store.mkdir(mode=0o700)
+        self.running = []
+        self.demo = self.start(json.loads((SIM / "kelvane_sim" / "demo.json").read_text()),
+                               self.store)
+
+    def start(self, scenario, store=None):
+        bus = PrivateBus()
+        sim = Sim(bus, scenario=scenario, store=store)
+        self.running += [sim, bus]
+        return bus.address
+
+    def enter(self, world):
+        if world == "demo":
+            return self.demo, self.store
+        if world == "demo, BlueZ stopped":
+            bus = PrivateBus()
+            self.running.append(bus)
+            return bus.address, self.store
+        return self.start(SCAN_WORLDS[world]), None
+
+    def stop(self):
+        for thing in self.running:
+            thing.stop()
+
+
+@needs_binary
+@pytest.mark.parametrize("document", [README, MAN_PAGE], ids=["README", "man page"])
+def test_examples_are_what_the_tool_prints(document, tmp_path):
+    blocks, worlds = example_blocks(document), Worlds(tmp_path)
+    try:
+        played = [play(session, world, worlds, KELVANE_BIN)
+                  for world, _, _, session in blocks]
+    finally:
+        worlds.stop()
+    assert len(blocks) >= 5
+    mismatches = []
+    for (world, _, _, session), outputs in zip(blocks, played):
+        for (command, expected), actual in zip(session, outputs):
+            for line in actual:
+                if line.startswith('{"adapters"'):
+                    validate_result(line + "\n")
+                elif line.startswith("[{"):
+                    validate_events(line + "\n")
+            if [TIMESTAMP.sub("", x) for x in actual] != [TIMESTAMP.sub("", x) for x in expected]:
+                mismatches.append((world, command, actual))
+    if os.environ.get("KELVANE_UPDATE_EXAMPLES"):
+        lines = document.read_text(encoding="utf-8").splitlines()
+        for (_, start, end, session), outputs in reversed(list(zip(blocks, played))):
+            prompts = [line for line in lines[start:end] if PROMPT.match(
+                roff_text(line) if document == MAN_PAGE else line)]
+            block = []
+            for prompt, output in zip(prompts, outputs):
+                block.append(prompt)
+                block += [roff_text(x, back=True) for x in output] if document == MAN_PAGE \
+                    else output
+            lines[start:end] = block
+        document.write_text("\n".join(lines) + "\n", encoding="utf-8")
+    assert mismatches == [], mismatches
 
 
 # ---------------------------------------------------------------- completion

@@ -10,7 +10,7 @@ import dbus
 import pytest
 
 import harness
-from simbus import PAGE_TIMEOUT, PrivateBus, Sim, describe_failure, passkey_display
+from kelvane_sim.client import PAGE_TIMEOUT, PrivateBus, Sim, describe_failure, passkey_display
 
 MAC = 'AA:BB:CC:DD:EE:FF'
 DEVICE = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'

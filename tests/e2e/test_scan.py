@@ -6,7 +6,7 @@ import dbus
 import pytest
 
 import harness
-from simbus import PrivateBus, Sim, describe_failure
+from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
 NO_OWNER = 'The name org.bluez was not provided by any .service files'
 WORLDS = {}

@@ -2,6 +2,7 @@
 # hear each other (hci0 the host, hci1 the peer), in a QEMU VM booted once for
 # the module (vm.sh, guest.py); the tests judge what every step left.
 
+import configparser
 import json
 import os
 import re
@@ -11,6 +12,7 @@ import tempfile
 import warnings
 from pathlib import Path
 
+import dbus
 import pytest
 
 HERE = Path(__file__).resolve().parent
@@ -18,6 +20,7 @@ sys.path.insert(0, str(HERE.parent / 'e2e'))
 
 import contract  # noqa: E402
 import guest  # noqa: E402
+from kelvane_sim.client import PrivateBus, Sim  # noqa: E402
 
 GUEST_TIMEOUT = 240  # seconds; the VM gets a minute more to boot and power off
 AGENT = '/org/kelvane/agent'
@@ -196,3 +199,45 @@ def test_restore_with_the_daemon_stopped_brings_the_pairing_back(vm):
     assert '%s/%s/info' % (vm.host, vm.peer) in step['store']
     _, live, _ = device(vm, 'list-restored')
     assert vm.notes['restarted'] and (live['Paired'], live['Trusted']) == (True, True)
+
+
+# Sections of bluetoothd's info file the simulator does not write: the Device
+# ID and the keys of the LE side of a dual-mode device.
+NOT_SIMULATED = {'DeviceID', 'LocalSignatureKey', 'RemoteSignatureKey', 'PeripheralLongTermKey',
+                 'SlaveLongTermKey'}
+
+
+def info_file(text):
+    info = configparser.ConfigParser(interpolation=None)
+    info.optionxform = str
+    info.read_string(text)
+    return info
+
+
+def test_simulator_keeps_the_store_as_bluetoothd_does(vm, tmp_path):
+    # The pairing, the trust the tool sets and the removal, done to the
+    # simulator with a store, leave the files bluetoothd left.
+    info, cache, settings = ('%s/%s/info' % (vm.host, vm.peer),
+                             '%s/cache/%s' % (vm.host, vm.peer), vm.host + '/settings')
+    paired_store = vm.step('pair')['store']
+    real = info_file(paired_store[info])
+    with PrivateBus() as bus, Sim(bus, store=tmp_path) as sim:
+        sim.add_adapter('hci0', address=vm.host)
+        dev = sim.add_device('hci0', vm.peer, name=real['General']['Name'], pairing='just-works',
+                             uuids=real['General']['Services'].split(';')[:-1])
+        conn = bus.connect()
+        conn.call_blocking('org.bluez', dev, guest.DEVICE, 'Pair', '', [])
+        conn.call_blocking('org.bluez', dev, guest.PROPS, 'Set', 'ssv',
+                           [guest.DEVICE, 'Trusted', dbus.Boolean(True, variant_level=1)])
+        paired = {path: (tmp_path / path).read_text() for path in (info, settings)}
+        conn.call_blocking('org.bluez', guest.HOST_PATH, guest.ADAPTER, 'RemoveDevice', 'o', [dev])
+        removed = ((tmp_path / cache).read_text(), (tmp_path / vm.host / vm.peer).exists())
+        conn.close()
+    simulated = info_file(paired[info])
+    assert sorted(simulated) == sorted(set(real) - NOT_SIMULATED)
+    assert {name: list(simulated[name]) for name in simulated} == {
+        name: list(real[name]) for name in simulated}
+    # The peer is a dual-mode controller; the simulated device is BR/EDR only.
+    assert dict(simulated['General'], SupportedTechnologies='BR/EDR;LE;') == dict(real['General'])
+    assert paired[settings] == paired_store[settings]
+    assert removed == (vm.step('forget')['store'][cache], False)

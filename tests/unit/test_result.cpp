@@ -132,6 +132,8 @@ private slots:
         QVERIFY2(json.contains("\"name\":\"" + text + ' '), json);
         const QJsonDocument back = QJsonDocument::fromJson(json);
         QCOMPARE(back["devices"][0]["name"].toString().toUtf8(), QByteArray::fromStdString(d.name));
+        // Byte for byte what QJsonDocument writes: escapes, key order, numbers.
+        QCOMPARE(json, back.toJson(QJsonDocument::Compact));
     }
 
     void mergeDevices_data() {

@@ -1,24 +1,26 @@
-'''A private D-Bus daemon and the simulated BlueZ running on it.
+'''The Python client of the simulated BlueZ, and the bus it runs on.
 
 PrivateBus starts a dbus-daemon that allows everything, listening on an
 abstract socket of its own, so nothing touches the machine's system bus and
-parallel test runs never meet. Sim starts bluez_sim.py (a python-dbusmock
-template) on such a bus and is the Python client of its org.kelvane.Sim
-control interface.
+parallel runs never meet. Sim starts the simulator (template.py, a
+python-dbusmock template) on such a bus, or attaches to one already running
+(Sim.attach), and drives it through its org.kelvane.Sim control interface.
 '''
 
 import json
 import os
 import secrets
 import subprocess
-import sys
 import time
 from pathlib import Path
 
 import dbus
 
+from kelvane_sim import scenario as scenarios
+from kelvane_sim.values import typed_props
+
 HERE = Path(__file__).resolve().parent
-TEMPLATE = HERE / 'bluez_sim.py'
+TEMPLATE = HERE / 'template.py'
 PYTHON = '/usr/bin/python3'
 
 SIM_IFACE = 'org.kelvane.Sim'
@@ -117,64 +119,6 @@ class PrivateBus:
         self.stop()
 
 
-# BlueZ's types for the properties the simulator is usually given; any value
-# that already is a dbus-python type is sent as it is (which is how a test
-# gives a property a deliberately wrong type).
-_STRING = dbus.String
-_BOOL = dbus.Boolean
-
-
-def _string_list(value):
-    return dbus.Array([dbus.String(v) for v in value], signature='s')
-
-
-PROPERTY_TYPES = {
-    'Address': _STRING, 'AddressType': _STRING, 'Name': _STRING, 'Alias': _STRING,
-    'Icon': _STRING, 'Modalias': _STRING, 'Class': dbus.UInt32, 'Appearance': dbus.UInt16,
-    'RSSI': dbus.Int16, 'TxPower': dbus.Int16, 'UUIDs': _string_list, 'Adapter': dbus.ObjectPath,
-    'Powered': _BOOL, 'Discoverable': _BOOL, 'Pairable': _BOOL, 'Discovering': _BOOL,
-    'Paired': _BOOL, 'Bonded': _BOOL, 'Trusted': _BOOL, 'Blocked': _BOOL, 'Connected': _BOOL,
-    'LegacyPairing': _BOOL, 'ServicesResolved': _BOOL, 'WakeAllowed': _BOOL,
-    'DiscoverableTimeout': dbus.UInt32, 'PairableTimeout': dbus.UInt32,
-}
-
-# Keyword arguments of add_adapter/add_device and the property they set.
-KEYWORDS = {
-    'address': 'Address', 'name': 'Name', 'alias': 'Alias', 'icon': 'Icon',
-    'device_class': 'Class', 'appearance': 'Appearance', 'rssi': 'RSSI', 'uuids': 'UUIDs',
-    'powered': 'Powered', 'pairable': 'Pairable', 'discoverable': 'Discoverable',
-    'paired': 'Paired', 'bonded': 'Bonded', 'trusted': 'Trusted', 'blocked': 'Blocked',
-    'connected': 'Connected', 'legacy_pairing': 'LegacyPairing', 'address_type': 'AddressType',
-}
-
-
-def typed(name, value):
-    if hasattr(value, 'variant_level'):
-        return value
-    convert = PROPERTY_TYPES.get(name)
-    if convert is not None:
-        return convert(value)
-    if isinstance(value, bool):
-        return dbus.Boolean(value)
-    if isinstance(value, int):
-        return dbus.Int32(value)
-    if isinstance(value, float):
-        return dbus.Double(value)
-    if isinstance(value, (list, tuple)) and all(isinstance(v, str) for v in value):
-        return _string_list(value)
-    return value
-
-
-def typed_props(props=None, **keywords):
-    out = {}
-    for key, value in keywords.items():
-        if value is not None:
-            out[KEYWORDS[key]] = typed(KEYWORDS[key], value)
-    for key, value in (props or {}).items():
-        out[key] = typed(key, value)
-    return dbus.Dictionary(out, signature='sv')
-
-
 def passkey_display(passkey, digits=6):
     '''DisplayPasskey as a remote keyboard produces it: shown, then one
     notification per typed digit.'''
@@ -197,6 +141,44 @@ PAIRING_MODES = {
 }
 
 PAGE_TIMEOUT = ('org.bluez.Error.ConnectionAttemptFailed', 'Page Timeout')
+# How often Pair fails with PAGE_TIMEOUT before the device answers.
+PAGE_TIMEOUT_COUNTS = {'never': 0, 'once': 1, 'always': -1}
+
+
+def pairing_config(pairing, passkey=None, pin=None, delay=None, error=None, reject_error=None,
+                   without_agent=None, page_timeout=None, props_after=None):
+    """The simulator's pairing configuration of a device.
+
+    pairing: a PAIRING_MODES name, a list of agent steps
+    ({'method': 'RequestConfirmation', 'passkey': 4711}, ...) or a dict with
+    'steps'. passkey, pin: replace those of the mode's steps. delay: seconds
+    the bonding takes after the last step (a slow device). error: (name,
+    message) Pair fails with after the steps. reject_error: (name, message)
+    replacing AuthenticationFailed when the agent refuses. without_agent:
+    "succeed" (default, bluetoothd's just-works fallback) or "fail".
+    page_timeout: "once", "always" or a number of attempts that fail with
+    PAGE_TIMEOUT before any agent is asked."""
+    if isinstance(pairing, str):
+        config = {'steps': [dict(step) for step in PAIRING_MODES[pairing]]}
+    elif isinstance(pairing, dict):
+        config = dict(pairing)
+    else:
+        config = {'steps': list(pairing)}
+    for key, value in (('passkey', passkey), ('pin', pin)):
+        for step in config.get('steps', []) if value is not None else ():
+            if key in step:
+                step[key] = value
+    if error is not None:
+        config['error'] = {'name': error[0], 'message': error[1]}
+    if reject_error is not None:
+        config['reject_error'] = {'name': reject_error[0], 'message': reject_error[1]}
+    if page_timeout is not None:
+        config['page_timeout'] = PAGE_TIMEOUT_COUNTS.get(page_timeout, page_timeout)
+    for key, value in (('delay', delay), ('without_agent', without_agent),
+                       ('props_after', props_after)):
+        if value is not None:
+            config[key] = value
+    return config
 
 
 class Call(dict):
@@ -211,21 +193,49 @@ class Call(dict):
             raise AttributeError(key) from e
 
 
+class Bus:
+    """A bus someone else runs, known by its address (kelvane-sim run --bus,
+    Sim.attach): used as it is and never stopped."""
+
+    process = None
+
+    def __init__(self, address):
+        self.address = address
+
+    def connect(self):
+        return dbus.bus.BusConnection(self.address)
+
+    @staticmethod
+    def log():
+        return ''
+
+    def stop(self):
+        pass
+
+
 class Sim:
-    '''The simulated BlueZ on a PrivateBus, and the client to configure it.
+    """The simulated BlueZ on a bus, and the client to configure it.
 
-    Every add_*/set_* call configures the running simulator at once, so a test
-    describes its whole world before it starts the tool.'''
+    Sim(bus) starts a simulator on a PrivateBus (or a Bus) with an empty
+    world, then loads the scenario (a dict as in a scenario file) and keeps
+    the store under the directory `store`, when given. Sim.attach(address)
+    drives a simulator already running there. Every add_*/set_* call
+    configures the running simulator at once, so a test describes its whole
+    world before it starts the tool."""
 
-    def __init__(self, bus, start_timeout=10.0):
+    def __init__(self, bus, start_timeout=10.0, scenario=None, store=None):
         self.bus = bus
+        self._log = -1
+        self.conn = bus.connect()
+        if self.conn.name_has_owner('org.bluez'):
+            self.conn.close()
+            raise RuntimeError('org.bluez is already owned on %s' % bus.address)
         self._log = _memfd('kelvane-sim-log')
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address, PYTHONUNBUFFERED='1')
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         self.process = subprocess.Popen(
             [PYTHON, '-m', 'dbusmock', '--system', '-t', str(TEMPLATE)],
             env=env, stdin=subprocess.DEVNULL, stdout=self._log, stderr=self._log)
-        self.conn = bus.connect()
         deadline = time.monotonic() + start_timeout
         while not self.conn.name_has_owner('org.bluez'):
             if self.process.poll() is not None or time.monotonic() > deadline:
@@ -233,6 +243,34 @@ class Sim:
                 self.stop()
                 raise RuntimeError('simulated BlueZ did not start:\n' + output)
             time.sleep(0.01)
+        self._bind()
+        try:
+            if scenario is not None:
+                self.load_scenario(scenario)
+            if store is not None:
+                self.use_store(store)
+        except Exception:
+            self.stop()
+            raise
+
+    @classmethod
+    def attach(cls, address):
+        """A client of the simulator that owns org.bluez on the bus at
+        address; stop() only closes the connection."""
+        sim = cls.__new__(cls)
+        sim.bus, sim.process, sim._log, sim.conn = Bus(address), None, -1, None
+        try:
+            sim.conn = sim.bus.connect()
+            sim._bind()
+            sim.control.State()
+        except dbus.exceptions.DBusException as e:
+            if sim.conn is not None:
+                sim.conn.close()
+            raise RuntimeError('no simulated BlueZ on %s: %s' % (
+                address, e.get_dbus_message())) from None
+        return sim
+
+    def _bind(self):
         # Addressed by unique name: the simulator stays reachable after it
         # has given up org.bluez.
         self.unique_name = self.conn.get_name_owner('org.bluez')
@@ -244,11 +282,12 @@ class Sim:
         return self.bus.address
 
     def log(self):
-        '''What the simulator printed (dbusmock's own method log, tracebacks).'''
+        """What the simulator printed (dbusmock's own method log, tracebacks)."""
         return _read_memfd(self._log) if self._log >= 0 else ''
 
     def stop(self):
-        _terminate(self.process)
+        if self.process is not None:
+            _terminate(self.process)
         try:
             self.conn.close()
         except Exception:  # pylint: disable=broad-except
@@ -263,6 +302,18 @@ class Sim:
     def __exit__(self, *_):
         self.stop()
 
+    def load_scenario(self, scenario):
+        """Adds what a scenario (a dict as read from a scenario file)
+        describes: adapters, devices, faults and settings."""
+        scenarios.apply(self, scenario)
+
+    def use_store(self, root):
+        """Keeps bluetoothd's store under the directory root from now on
+        (created when missing): the adapters take back the devices stored
+        for them, paired devices are written, and pairings, trust changes
+        and removals are written as they happen."""
+        self.control.UseStore(str(root))
+
     # -- the world ---------------------------------------------------------
 
     def add_adapter(self, where='hci0', props=None, omit=(), **keywords):
@@ -274,7 +325,8 @@ class Sim:
                                            dbus.Array(omit, signature='s')))
 
     def add_device(self, adapter, address, props=None, omit=(), appear_after=None,
-                   vanish_after=None, pairing=None, path=None, **keywords):
+                   vanish_after=None, pairing=None, path=None, reappear_after=None,
+                   **keywords):
         '''Adds a device under the adapter (its name, e.g. "hci0", or path).
         Unless omitted it has Address, AddressType, Alias, Adapter, Paired,
         Bonded, Trusted, Blocked, LegacyPairing, Connected and
@@ -282,10 +334,14 @@ class Sim:
         when given. Keywords: name, alias, icon, device_class, appearance,
         rssi, uuids, paired, trusted, connected, blocked, legacy_pairing.
         appear_after / vanish_after: seconds of discovery on the adapter
-        before the device object appears / disappears. pairing: a mode of
-        PAIRING_MODES, a list of steps or a full configuration (set_pairing).'''
+        before the device object appears / disappears. reappear_after:
+        seconds of discovery after which a device that RemoveDevice removed
+        is found again (unpaired), as one still in range would be. pairing:
+        a mode of PAIRING_MODES, a list of steps or a full configuration
+        (set_pairing).'''
         options = _options(appear_after=(dbus.Double, appear_after),
-                           vanish_after=(dbus.Double, vanish_after), path=(dbus.String, path))
+                           vanish_after=(dbus.Double, vanish_after), path=(dbus.String, path),
+                           reappear_after=(dbus.Double, reappear_after))
         device = str(self.control.AddDevice(
             adapter, address, typed_props(props, **keywords), dbus.Array(omit, signature='s'),
             options))
@@ -310,28 +366,9 @@ class Sim:
         '''Removes an adapter (with its devices) or a device.'''
         self.control.Drop(path)
 
-    def set_pairing(self, device, pairing, error=None, reject_error=None, without_agent=None,
-                    props_after=None):
-        '''How Pair behaves for the device. pairing: a PAIRING_MODES name, a
-        list of steps ({'method': 'RequestConfirmation', 'passkey': 4711}, ...)
-        or a dict with 'steps'. error: (name, message) Pair fails with after
-        the steps. reject_error: (name, message) replacing an agent's error
-        (by default Pair fails with the agent's own error). without_agent:
-        "succeed" (default, bluetoothd's just-works fallback) or "fail".'''
-        if isinstance(pairing, str):
-            config = {'steps': PAIRING_MODES[pairing]}
-        elif isinstance(pairing, dict):
-            config = dict(pairing)
-        else:
-            config = {'steps': list(pairing)}
-        if error is not None:
-            config['error'] = {'name': error[0], 'message': error[1]}
-        if reject_error is not None:
-            config['reject_error'] = {'name': reject_error[0], 'message': reject_error[1]}
-        if without_agent is not None:
-            config['without_agent'] = without_agent
-        if props_after is not None:
-            config['props_after'] = props_after
+    def set_pairing(self, device, pairing, **options):
+        """How Pair behaves for the device: see pairing_config."""
+        config = pairing_config(pairing, **options)
         self.control.SetPairing(device, json.dumps(config))
 
     # -- failures ----------------------------------------------------------
@@ -428,7 +465,3 @@ def describe_failure(sim=None, bus=None):
     if bus is not None:
         parts.append('--- dbus-daemon output ---\n' + bus.log())
     return '\n'.join(parts)
-
-
-if __name__ == '__main__':
-    sys.exit('use scripts/bluez-sim to run the simulator on its own')

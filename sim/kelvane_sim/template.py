@@ -1,15 +1,17 @@
-'''Simulated BlueZ for kelvane's end-to-end tests: a python-dbusmock template.
+'''The simulated BlueZ: a python-dbusmock template.
 
 Start it on a bus with
 
-    python3 -m dbusmock --system -t /path/to/bluez_sim.py
+    python3 -m dbusmock --system -t /path/to/kelvane_sim/template.py
 
-It builds on the stock bluez5 template (the agent manager object at /org/bluez)
-and replaces the parts the tool depends on with behaviour close to bluetoothd:
-per-client discovery sessions, sender-keyed agents, Pair calling back the agent,
-realistic error names. Everything is configured at run time through the
-org.kelvane.Sim interface on "/" (see simbus.Sim for the Python client), and
-every method call the simulator receives is recorded in a call log.
+(kelvane_sim.client.Sim does that). It builds on the stock bluez5 template
+(the agent manager object at /org/bluez) and replaces the parts a BlueZ
+client depends on with behaviour close to bluetoothd 5.66: per-client
+discovery sessions, sender-keyed agents, Pair calling back the agent,
+bluetoothd's error names, and, once given a directory, bluetoothd's store.
+Everything is configured at run time through the org.kelvane.Sim interface
+on "/" (see sim/README.md), and every method call the simulator receives is
+recorded in a call log.
 '''
 
 import json
@@ -17,6 +19,7 @@ import sys
 import time
 import traceback
 import types
+from pathlib import Path
 
 import dbus
 import dbus.lowlevel
@@ -25,6 +28,15 @@ from gi.repository import GLib
 
 from dbusmock import mockobject
 from dbusmock.templates import bluez5
+
+# dbusmock runs this file by path, not as part of its package: make the
+# package's other modules importable.
+if str(Path(__file__).resolve().parents[1]) not in sys.path:
+    sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+# pylint: disable=wrong-import-position
+from kelvane_sim import store as bluez_store  # noqa: E402
+from kelvane_sim.values import plain, plain_props, signature_of, to_json, typed  # noqa: E402
 
 BUS_NAME = 'org.bluez'
 MAIN_OBJ = '/'
@@ -73,6 +85,10 @@ AGENT_METHODS = {
 }
 
 DEFAULT_PAIRING = {'steps': [{'method': 'RequestConfirmation', 'passkey': 123456}]}
+# What a removed device is when it is found again.
+UNBONDED = {'Paired': dbus.Boolean(False), 'Bonded': dbus.Boolean(False),
+            'Trusted': dbus.Boolean(False), 'Connected': dbus.Boolean(False)}
+PAGE_TIMEOUT = ('org.bluez.Error.ConnectionAttemptFailed', 'Page Timeout')
 
 # What libdbus answers for a method an object does not implement.
 UNKNOWN_METHOD = ('Method "{}" with signature "{}" on interface "{}" doesn\'t exist\n')
@@ -81,76 +97,20 @@ SIM = None
 PASS = dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
 
 
+def later(seconds, function):
+    '''Runs function after seconds of the main loop, at once for none.'''
+    if seconds > 0:
+        GLib.timeout_add(int(seconds * 1000), lambda: function() and False)
+    else:
+        function()
+
+
 def bluez_error(name, message):
     return dbus.exceptions.DBusException(message, name='org.bluez.Error.' + name)
 
 
 def dbus_error(name, message):
     return dbus.exceptions.DBusException(message, name=name)
-
-
-_SIGNATURES = {
-    dbus.Boolean: 'b', dbus.Byte: 'y', dbus.Int16: 'n', dbus.UInt16: 'q', dbus.Int32: 'i',
-    dbus.UInt32: 'u', dbus.Int64: 'x', dbus.UInt64: 't', dbus.Double: 'd', dbus.String: 's',
-    dbus.ObjectPath: 'o', dbus.Signature: 'g', dbus.types.UnixFd: 'h',
-}
-
-
-def signature_of(value):
-    '''The D-Bus type of a dbus-python value, ignoring any variant wrapping.'''
-    kind = type(value)
-    if kind in _SIGNATURES:
-        return _SIGNATURES[kind]
-    if isinstance(value, dbus.ByteArray):
-        return 'ay'
-    if isinstance(value, dbus.Dictionary):
-        return 'a{%s}' % (value.signature or 'sv')
-    if isinstance(value, dbus.Array):
-        return 'a' + (value.signature or 'v')
-    if isinstance(value, dbus.Struct):
-        return '(%s)' % (value.signature or ''.join(signature_of(v) for v in value))
-    return dbus.lowlevel.Message.guess_signature(value)
-
-
-def to_json(value):
-    '''A JSON-friendly copy of a dbus-python value (types are dropped).'''
-    if isinstance(value, dbus.Boolean):
-        return bool(value)
-    if isinstance(value, dbus.Double):
-        return float(value)
-    if isinstance(value, int):
-        return int(value)
-    if isinstance(value, str):
-        return str(value)
-    if isinstance(value, bytes):
-        return list(value)
-    if isinstance(value, dict):
-        return {str(k): to_json(v) for k, v in value.items()}
-    if isinstance(value, (list, tuple)):
-        return [to_json(v) for v in value]
-    return repr(value)
-
-
-def plain(value):
-    '''Strip the variant wrapping dbus-python keeps on values that came in as
-    "v": stored properties must carry their own type, or introspection and
-    replies would announce them as variants.'''
-    if isinstance(value, dbus.Dictionary):
-        return dbus.Dictionary({k: plain(v) for k, v in value.items()}, signature=value.signature)
-    if isinstance(value, dbus.Struct):
-        return dbus.Struct([plain(v) for v in value], signature=value.signature)
-    if isinstance(value, dbus.ByteArray):
-        return dbus.ByteArray(value)
-    if isinstance(value, dbus.Array):
-        return dbus.Array([plain(v) for v in value], signature=value.signature)
-    kind = type(value)
-    if kind in _SIGNATURES:
-        return kind(value)
-    return value
-
-
-def plain_props(props):
-    return {str(k): plain(v) for k, v in props.items()}
 
 
 class Fault:
@@ -201,7 +161,12 @@ class DeviceState:
         self.pairing = dict(DEFAULT_PAIRING)
         self.events = []  # (discovery seconds, action, props), sorted
         self.exported = False
+        self.signal = None  # RSSI and TxPower as last heard, while no discovery runs
         self.pairing_active = False
+        # Seconds of discovery after which a removed device is found again,
+        # as a device still in range would be; None: removal is for good.
+        self.reappear_after = None
+        self.initial_props = {}
 
 
 class Simulator:
@@ -227,6 +192,7 @@ class Simulator:
         self.watches = {}
         self.adapters = {}
         self.devices = {}
+        self.store = None  # store.Store once UseStore named a directory
 
     # -- bookkeeping -------------------------------------------------------
 
@@ -389,11 +355,16 @@ class Simulator:
         adapter.props[ADAPTER_IFACE].update(props)
         self.adapters[path] = adapter
         self.export(path, ADAPTER_IFACE, adapter.props, adapter_methods())
+        if self.store is not None:
+            self.load_stored(adapter)
         return path
 
     def add_device(self, adapter_path, address, props, omit, options):
         if not adapter_path.startswith('/'):
             adapter_path = MANAGER_PATH + '/' + adapter_path
+        if adapter_path not in self.adapters:
+            raise dbus_error('org.freedesktop.DBus.Error.UnknownObject',
+                             'no such adapter ' + adapter_path)
         path = str(options.get('path', '')) or (
             adapter_path + '/dev_' + address.upper().replace(':', '_').replace('-', '_'))
         if path in mockobject.objects or path in self.devices:
@@ -414,6 +385,9 @@ class Simulator:
         device = DeviceState(path, adapter_path)
         device.props[DEVICE_IFACE] = {k: v for k, v in defaults.items() if k not in omit}
         device.props[DEVICE_IFACE].update(props)
+        device.initial_props = dict(device.props[DEVICE_IFACE])
+        if 'reappear_after' in options:
+            device.reappear_after = float(options['reappear_after'])
         self.devices[path] = device
         if 'appear_after' in options:
             self.schedule(path, float(options['appear_after']), 'appear', {})
@@ -422,6 +396,12 @@ class Simulator:
         if 'vanish_after' in options:
             self.schedule(path, float(options['vanish_after']), 'vanish', {})
         return path
+
+    def device(self, path):
+        '''The device at path, for the control interface.'''
+        if path not in self.devices:
+            raise dbus_error('org.freedesktop.DBus.Error.UnknownObject', 'no such device ' + path)
+        return self.devices[path]
 
     def show_device(self, device):
         if not device.exported:
@@ -436,7 +416,7 @@ class Simulator:
     def schedule(self, path, at, action, props):
         if action not in ('appear', 'vanish', 'update'):
             raise dbus_error('org.freedesktop.DBus.Error.InvalidArgs', 'unknown action ' + action)
-        device = self.devices[path]
+        device = self.device(path)
         device.events.append((at, len(device.events), action, props))
         device.events.sort(key=lambda event: event[:2])
 
@@ -539,6 +519,8 @@ class Simulator:
             raise dbus_error('org.freedesktop.DBus.Error.InvalidSignature',
                              "Invalid signature for '%s'" % name)
         self.update_props(path, interface, {name: value})
+        if self.store is not None:
+            self.store_property(path, name, value)
         adapter = self.adapters.get(path)
         if adapter is not None and name == 'Powered' and not value:
             adapter.sessions.clear()
@@ -553,6 +535,7 @@ class Simulator:
         running = bool(adapter.sessions)
         if running and adapter.since is None:
             adapter.since = time.monotonic()
+            self.recall_signal_strengths(adapter)
         elif not running and adapter.since is not None:
             adapter.discovered = adapter.clock()
             adapter.since = None
@@ -562,11 +545,21 @@ class Simulator:
 
     def forget_signal_strengths(self, adapter):
         '''bluetoothd drops RSSI and TxPower of the adapter's devices when
-        its discovery ends: they describe a discovery, not the device.'''
+        its discovery ends: they describe a discovery, not the device. A
+        device not found yet keeps what it will be heard at.'''
         for device in self.devices.values():
             stale = [name for name in ('RSSI', 'TxPower') if name in device.props[DEVICE_IFACE]]
-            if device.adapter == adapter.path and stale:
+            if device.adapter == adapter.path and device.exported and stale:
+                device.signal = {name: device.props[DEVICE_IFACE][name] for name in stale}
                 self.update_props(device.path, DEVICE_IFACE, {}, stale)
+
+    def recall_signal_strengths(self, adapter):
+        '''A device still in range is heard again as soon as a new discovery
+        starts, with the strength it was last heard at.'''
+        for device in self.devices.values():
+            if device.adapter == adapter.path and device.exported and device.signal:
+                self.update_props(device.path, DEVICE_IFACE, device.signal)
+                device.signal = None
 
     def set_discovery_filter(self, path, sender, discovery_filter):
         adapter = self.adapters[path]
@@ -600,7 +593,78 @@ class Simulator:
         device = self.devices.get(device_path)
         if device is None or not device.exported or device.adapter != adapter_path:
             raise bluez_error('DoesNotExist', 'Does Not Exist')
-        self.drop(device_path)
+        adapter = self.adapters[adapter_path]
+        address = str(device.props[DEVICE_IFACE].get('Address', '')).upper()
+        if device.reappear_after is None:
+            self.drop(device_path)
+        else:
+            # Still in range: the next discovery finds it again, unpaired.
+            self.hide_device(device)
+            device.props[DEVICE_IFACE] = dict(device.initial_props, **UNBONDED)
+            self.schedule(device_path, adapter.clock() + device.reappear_after, 'appear', {})
+        if self.store is not None and self.stored_address(adapter):
+            self.store.remove(self.stored_address(adapter), address)
+
+    # -- the store -----------------------------------------------------------
+
+    @staticmethod
+    def stored_address(adapter):
+        '''The name of the adapter's directory in the store.'''
+        return str(adapter.props[ADAPTER_IFACE].get('Address', '')).upper()
+
+    def use_store(self, root):
+        '''Keep bluetoothd's store under root from now on: the adapters
+        take back their stored devices and settings, and devices already
+        paired are written, so that the store holds every bonded device.'''
+        try:
+            self.store = bluez_store.Store(root)
+        except OSError as e:
+            raise dbus_error('org.freedesktop.DBus.Error.AccessDenied', str(e)) from e
+        for adapter in self.adapters.values():
+            self.load_stored(adapter)
+        for device in self.devices.values():
+            props = device.props[DEVICE_IFACE]
+            adapter = self.adapters.get(device.adapter)
+            address = str(props.get('Address', '')).upper()
+            if adapter and props.get('Paired') and self.stored_address(adapter) \
+                    and not self.store.holds(self.stored_address(adapter), address):
+                self.store.paired(self.stored_address(adapter), to_json(props))
+
+    def load_stored(self, adapter):
+        '''What bluetoothd does for a controller at start: its settings and
+        stored devices come back; a stored device is known at once, bonded
+        when its file holds a key, and not connected.'''
+        name = self.stored_address(adapter)
+        if not name:
+            return
+        settings = bluez_store.adapter_props(self.store.settings(name))
+        self.update_props(adapter.path, ADAPTER_IFACE,
+                          {key: typed(key, value) for key, value in settings.items()})
+        for address, sections in self.store.devices(name).items():
+            props = {key: typed(key, value)
+                     for key, value in bluez_store.device_props(sections).items()}
+            path = adapter.path + '/dev_' + address.replace(':', '_')
+            if path not in self.devices:
+                self.add_device(adapter.path, address, {}, [], {})
+            device = self.devices[path]
+            device.events = [event for event in device.events if event[2] != 'appear']
+            self.update_props(path, DEVICE_IFACE, props)
+            self.show_device(device)
+
+    def store_property(self, path, name, value):
+        '''bluetoothd writes a stored device's trust and blocking, and an
+        adapter's discoverability and alias, as soon as they change.'''
+        if path in self.devices and name in ('Trusted', 'Blocked'):
+            device = self.devices[path]
+            adapter = self.adapters.get(device.adapter)
+            if adapter and self.stored_address(adapter):
+                address = str(device.props[DEVICE_IFACE].get('Address', '')).upper()
+                self.store.update_device(self.stored_address(adapter), address,
+                                         {name: bluez_store.stored_bool(value)})
+        elif path in self.adapters and name in ('Discoverable', 'DiscoverableTimeout', 'Alias'):
+            text = bluez_store.stored_bool(value) if isinstance(value, dbus.Boolean) else str(value)
+            if self.stored_address(self.adapters[path]):
+                self.store.update_settings(self.stored_address(self.adapters[path]), {name: text})
 
     # -- agents ------------------------------------------------------------
 
@@ -652,6 +716,13 @@ class Simulator:
             fail(bluez_error('AlreadyExists', 'Already Exists'))
             return
         config = device.pairing
+        if config.get('page_timeout', 0):
+            # Out of reach: the controller gives up paging the device, and
+            # bluetoothd reports it before any agent is asked. Negative: always.
+            if config['page_timeout'] > 0:
+                config['page_timeout'] -= 1
+            fail(dbus_error(*PAGE_TIMEOUT))
+            return
         steps = list(config.get('steps', []))
         agent = self.agent_for(sender)
         if agent is None:
@@ -673,6 +744,9 @@ class Simulator:
                 changes['Bonded'] = dbus.Boolean(True)
             changes.update(plain_props(config.get('props_after', {})))
             self.update_props(path, DEVICE_IFACE, changes)
+            adapter = self.adapters.get(device.adapter)
+            if self.store is not None and adapter and self.stored_address(adapter):
+                self.store.paired(self.stored_address(adapter), to_json(props))
             ok()
 
         def agent_failed(exc):
@@ -687,14 +761,11 @@ class Simulator:
 
         def run(index):
             if index == len(steps):
-                finish()
+                # A slow device: the bonding itself takes this long.
+                later(float(config.get('delay', 0)), finish)
                 return
             step = steps[index]
-            delay = float(step.get('delay', 0))
-            if delay > 0:
-                GLib.timeout_add(int(delay * 1000), lambda: call(index, step) and False)
-            else:
-                call(index, step)
+            later(float(step.get('delay', 0)), lambda: call(index, step))
 
         def call(index, step):
             method = step['method']
@@ -752,6 +823,7 @@ class Simulator:
                        for owner, agent in self.agents.items()],
             'object_managers': list(self.object_managers),
             'left_bus': self.left_bus,
+            'store': str(self.store.root) if self.store is not None else None,
             'unique_name': self.conn.get_unique_name(),
         }
 
@@ -909,7 +981,16 @@ def SetPairing(_self, path, config):
         if step.get('method') not in AGENT_METHODS:
             raise dbus_error('org.freedesktop.DBus.Error.InvalidArgs',
                              'unknown agent method %r' % step.get('method'))
-    SIM.devices[str(path)].pairing = config
+    if not isinstance(config.get('page_timeout', 0), int):
+        raise dbus_error('org.freedesktop.DBus.Error.InvalidArgs',
+                         'page_timeout is a number of attempts (negative: every one)')
+    SIM.device(str(path)).pairing = config
+
+
+@dbus.service.method(SIM_IFACE, in_signature='s', out_signature='')
+def UseStore(_self, root):
+    '''Keep bluetoothd's store under this directory (see Simulator.use_store).'''
+    SIM.use_store(str(root))
 
 
 @dbus.service.method(SIM_IFACE, in_signature='sssia{sv}', out_signature='')
