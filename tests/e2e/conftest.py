@@ -3,6 +3,7 @@
 # run_kelvane (harness.run_kelvane against that bus).
 
 import os
+import threading
 
 import pytest
 
@@ -46,3 +47,35 @@ def run_kelvane(bus, binary):
         options.setdefault('bus_address', bus.address)
         return harness.run_kelvane(args, binary=binary, **options)
     return run
+
+
+@pytest.fixture(scope='module')
+def at_once(request, binary):
+    # at_once({name: (build, args, options)}, timeout) -> {name: (Run, Sim)}:
+    # every world on a bus of its own, all runs started together. build(sim)
+    # makes the world (build None: no BlueZ at all) and may return a function
+    # to run in a thread meanwhile; options go to harness.start, with box a
+    # function that makes the box.
+    buses, sims, threads = [], {}, []
+
+    def run(worlds, timeout):
+        started = {}
+        for name, (build, args, options) in worlds.items():
+            buses.append(PrivateBus())
+            sims[name] = sim = build and Sim(buses[-1])
+            during = build and build(sim)
+            options = dict(options, box=options.get('box', harness.Box)())
+            started[name] = harness.start(args, binary=binary, bus_address=buses[-1].address,
+                                          **options)
+            if callable(during):
+                threads.append(threading.Thread(target=during))
+                threads[-1].start()
+        runs = harness.finish_all(started.values(), timeout)
+        return {name: (done, sims[name]) for name, done in zip(started, runs)}
+    yield run
+    for thread in threads:
+        thread.join()
+    if request.session.testsfailed:
+        print('\n'.join(describe_failure(sim=s) for s in sims.values() if s))
+    for stop in [s.stop for s in sims.values() if s] + [b.stop for b in buses]:
+        stop()

@@ -1,16 +1,16 @@
 # Pair, trust and connect (-p) against simulated daemons, as one table:
 # the world, the words, the result, the events published and the calls BlueZ
 # received. All rows run at once, each on its own bus; how the agent answers
-# each request is a unit table.
+# each request is a unit table, and the whole -v trace of a pairing is the
+# manual page's example (test_docs.py).
 
-import threading
 import time
 
 import dbus
 import pytest
 
 import harness
-from kelvane_sim.client import PAGE_TIMEOUT, PrivateBus, Sim, describe_failure, passkey_display
+from kelvane_sim.client import passkey_display
 
 MAC = 'AA:BB:CC:DD:EE:FF'
 DEVICE = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'
@@ -144,28 +144,11 @@ PAIRINGS = {
 
 
 @pytest.fixture(scope='module')
-def paired(request, binary):
-    buses, sims, started, threads = [], {}, {}, []
-    try:
-        for name, (build, args, *_) in PAIRINGS.items():
-            buses.append(PrivateBus())
-            sims[name] = sim = Sim(buses[-1])
-            during = build(sim)
-            started[name] = harness.start(args, binary=binary, bus_address=buses[-1].address,
-                                          box=harness.Box(store=STORE, tmp={
-                                              'kelvane-events.json': EARLIER}))
-            if callable(during):
-                threads.append(threading.Thread(target=during))
-                threads[-1].start()
-        runs = harness.finish_all(started.values(), 90)
-        yield {name: (run, sims[name]) for name, run in zip(started, runs)}
-    finally:
-        for thread in threads:
-            thread.join()
-        if request.session.testsfailed:
-            print('\n'.join(describe_failure(sim=s) for s in sims.values()))
-        for stop in [s.stop for s in sims.values()] + [b.stop for b in buses]:
-            stop()
+def paired(at_once):
+    def box():
+        return harness.Box(store=STORE, tmp={'kelvane-events.json': EARLIER})
+    return at_once({name: (build, args, {'box': box})
+                    for name, (build, args, *_) in PAIRINGS.items()}, 90)
 
 
 def tool_calls(sim):
@@ -213,33 +196,3 @@ def test_pairing_details(paired):
     assert paired['another client intrudes'][1].intruder == \
         'org.freedesktop.DBus.Error.AccessDenied'
 
-
-def trace_of_a_pairing():
-    def call(path, member, args=''):
-        return 'dbus >> org.bluez %s %s%s' % (path, member, args and ' (%s)' % args)
-    manager = 'org.bluez.AgentManager1.'
-    register = [call('/org/bluez', manager + 'UnregisterAgent', AGENT),
-                call('/org/bluez', manager + 'RegisterAgent', AGENT + ' KeyboardDisplay'),
-                'dbus << RegisterAgent ok',
-                call('/org/bluez', manager + 'RequestDefaultAgent', AGENT),
-                'dbus << RequestDefaultAgent ok']
-    snapshot = [call('/', 'org.freedesktop.DBus.ObjectManager.GetManagedObjects'),
-                'dbus << GetManagedObjects ok']
-    agent = ['dbus << org.bluez.Agent1.RequestConfirmation path=%s passkey=004711' % DEVICE,
-             'debug: pairing: confirming passkey 004711 for device ' + DEVICE]
-    setter = 'org.freedesktop.DBus.Properties.Set'
-    pairable, trusted = 'org.bluez.Adapter1.Pairable=true', 'org.bluez.Device1.Trusted=true'
-    return (['debug: registered pairing agent at ' + AGENT] + register
-            + ['debug: pairing with address ' + MAC] + snapshot
-            + ['debug: using adapter /org/bluez/hci0',
-               call('/org/bluez/hci0', setter, pairable), 'dbus << Properties.Set ok: ' + pairable,
-               'debug: initial device path: ' + DEVICE, 'debug: pair attempt 1'] + snapshot
-            + [call(DEVICE, 'org.bluez.Device1.Pair')] + agent * 2 + ['dbus << Pair ok',
-               call(DEVICE, setter, trusted), 'dbus << Properties.Set ok: ' + trusted] + snapshot
-            + [call(DEVICE, 'org.bluez.Device1.Connect'), 'dbus << Connect ok'] + snapshot
-            + [call('/org/bluez', manager + 'UnregisterAgent', AGENT),
-               'dbus << UnregisterAgent ok'])
-
-
-def test_trace_of_a_pairing(paired):
-    assert paired['confirm'][0].stderr.splitlines() == trace_of_a_pairing()

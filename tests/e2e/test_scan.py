@@ -5,8 +5,6 @@
 import dbus
 import pytest
 
-import harness
-from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
 NO_OWNER = 'The name org.bluez was not provided by any .service files'
 WORLDS = {}
@@ -14,7 +12,7 @@ WORLDS = {}
 
 def world(name, *args, root=True, with_sim=True):
     def register(build):
-        WORLDS[name] = (build, list(args or ['-e']), root, with_sim)
+        WORLDS[name] = (build if with_sim else None, list(args or ['-e']), root)
     return register
 
 
@@ -68,8 +66,8 @@ def _no_object_manager(sim):
 
 
 @world('absent', with_sim=False)
-def _absent(sim):
-    del sim
+def _absent(_):
+    pass
 
 
 @world('manager-below', '-v', '-e')
@@ -96,22 +94,9 @@ def _leaves(sim):
 
 
 @pytest.fixture(scope='module')
-def scanned(request, binary):
-    buses, sims, started = [], {}, {}
-    try:
-        for name, (build, args, root, with_sim) in WORLDS.items():
-            buses.append(PrivateBus())
-            sims[name] = sim = Sim(buses[-1]) if with_sim else None
-            build(sim)
-            started[name] = harness.start(args, binary=binary, bus_address=buses[-1].address,
-                                          root=root, box=harness.Box())
-        runs = harness.finish_all(started.values(), 120)
-        yield {name: (run, sims[name]) for name, run in zip(started, runs)}
-    finally:
-        if request.session.testsfailed:
-            print('\n'.join(describe_failure(sim=s) for s in sims.values() if s))
-        for stop in [s.stop for s in sims.values() if s] + [b.stop for b in buses]:
-            stop()
+def scanned(at_once):
+    return at_once({name: (build, args, {'root': root}) for name, (build, args, root)
+                    in WORLDS.items()}, 120)
 
 
 # world -> exit status, error, {address: rssi} of the devices listed
