@@ -20,7 +20,8 @@ class ContractError(AssertionError):
 
 
 def _validator(name):
-    # The files carry no $id, so that they resolve wherever they are installed.
+    # Each is stored under its file's address, so that references between
+    # them resolve to these files, wherever the tree is.
     schemas = {path.as_uri(): dict(json.loads(path.read_text()), **{'$id': path.as_uri()})
                for path in SCHEMA_DIR.glob('*.json')}
     # JSON Schema counts 5.0 as an integer; the tool must write plain 5.

@@ -19,6 +19,8 @@ import traceback
 
 import dbus
 import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
 
 SHARE = '/share'
 STORE = '/var/lib/bluetooth'
@@ -29,11 +31,56 @@ ABSENT = '00:11:22:33:44:55'  # no btvirt controller has this address
 # initialises, they can make its HCI_Reset time out under emulation.
 MODULES = ['hci_vhci', 'af_alg', 'algif_hash', 'algif_skcipher', 'ecb', 'cmac', 'ecdh_generic',
            'drbg', 'jitterentropy_rng', 'ansi_cprng', 'ctr', 'sha512_generic', 'sha3_generic']
-ADAPTER, DEVICE = 'org.bluez.Adapter1', 'org.bluez.Device1'
-PROPS = 'org.freedesktop.DBus.Properties'
-HOST_PATH, PEER_PATH = '/org/bluez/hci0', '/org/bluez/hci1'
-RESULTS = {'steps': [], 'notes': {}}
+ADAPTER, DEVICE, AGENT = 'org.bluez.Adapter1', 'org.bluez.Device1', 'org.bluez.Agent1'
+PROPS, MANAGER = 'org.freedesktop.DBus.Properties', 'org.bluez.AgentManager1'
+HOST_PATH, PEER_PATH, PROBE_AGENT = '/org/bluez/hci0', '/org/bluez/hci1', '/probe/agent'
+RESULTS = {'steps': [], 'probes': {}, 'notes': {}}
 T0 = time.monotonic()
+
+# Calls whose replies (above all the error names and texts) the simulated
+# BlueZ must give alike; test_realbluez.py puts them to it too. Each is (label,
+# path, interface, method, signature, arguments), {dev} the peer under hci0;
+# they run in order on one connection.
+PROBES_PAIRED = [('pair an already paired device', '{dev}', DEVICE, 'Pair', '', []),
+                 ('connect a connected device', '{dev}', DEVICE, 'Connect', '', [])]
+PROBES_IDLE = [(label, path or HOST_PATH, interface, method, signature, args)
+               for label, path, interface, method, signature, args in [
+    ('stop discovery never started', None, ADAPTER, 'StopDiscovery', '', []),
+    ('discovery filter with an unknown transport', None, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
+     [{'Transport': 'radio'}]),
+    ('discovery filter with an unknown key', None, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
+     [{'Colour': 'blue'}]),
+    ('start discovery', None, ADAPTER, 'StartDiscovery', '', []),
+    ('start discovery twice', None, ADAPTER, 'StartDiscovery', '', []),
+    ('stop discovery', None, ADAPTER, 'StopDiscovery', '', []),
+    ('set Powered to a string', None, PROPS, 'Set', 'ssv', [ADAPTER, 'Powered', 'yes']),
+    ('set the read-only Address', None, PROPS, 'Set', 'ssv', [ADAPTER, 'Address', '00:00:00:00:00:01']),
+    ('set an unknown property', None, PROPS, 'Set', 'ssv', [ADAPTER, 'Colour', 'blue']),
+    ('get an unknown property', None, PROPS, 'Get', 'ss', [ADAPTER, 'Colour']),
+    ('get the absent RSSI', '{dev}', PROPS, 'Get', 'ss', [DEVICE, 'RSSI']),
+    ('get from an unknown interface', None, PROPS, 'Get', 'ss', ['org.bluez.Colour1', 'Powered']),
+    ('set without a variant', None, PROPS, 'Set', 'sss', [ADAPTER, 'Powered', 'true']),
+    ('remove an unknown device', None, ADAPTER, 'RemoveDevice', 'o',
+     [HOST_PATH + '/dev_00_11_22_33_44_55']),
+    ('remove a device of another adapter', PEER_PATH, ADAPTER, 'RemoveDevice', 'o', ['{dev}']),
+    ('managed objects below /org/bluez', '/org/bluez', 'org.freedesktop.DBus.ObjectManager',
+     'GetManagedObjects', '', []),
+    ('register an agent with an unknown capability', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
+     [PROBE_AGENT, 'Telepathy']),
+    ('register an agent', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
+     [PROBE_AGENT, 'KeyboardDisplay']),
+    ('register an agent twice', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
+     [PROBE_AGENT, 'KeyboardDisplay']),
+    ('default agent of another path', '/org/bluez', MANAGER, 'RequestDefaultAgent', 'o',
+     ['/probe/other']),
+    ('unregister another path', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', ['/probe/other']),
+    ('unregister the agent', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT]),
+    ('unregister the agent again', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT]),
+    ('power hci1 off', PEER_PATH, PROPS, 'Set', 'ssv', [ADAPTER, 'Powered', False]),
+    ('discovery filter while powered off', PEER_PATH, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
+     [{'Transport': 'auto'}]),
+    ('start discovery while powered off', PEER_PATH, ADAPTER, 'StartDiscovery', '', [])]]
+
 
 def log(text):
     print('[guest %6.1fs] %s' % (time.monotonic() - T0, text), flush=True)
@@ -74,6 +121,19 @@ def tree(root):
     return found
 
 
+# -- shared with the host, which puts the same questions to the simulator ----
+
+_TYPES = {dbus.Boolean: 'b', dbus.Byte: 'y', dbus.Int16: 'n', dbus.UInt16: 'q', dbus.Int32: 'i',
+          dbus.UInt32: 'u', dbus.Int64: 'x', dbus.UInt64: 't', dbus.Double: 'd', dbus.String: 's',
+          dbus.ObjectPath: 'o'}
+
+
+def signature(value):  # the D-Bus type of a property as the daemon sent it
+    return _TYPES.get(type(value)) or ('a{%s}' % value.signature if isinstance(
+        value, dbus.Dictionary) else 'a' + (value.signature or '') if isinstance(
+        value, dbus.Array) else type(value).__name__)
+
+
 def plain(value):
     if isinstance(value, dict):
         return {str(k): plain(v) for k, v in value.items()}
@@ -84,13 +144,81 @@ def plain(value):
 
 
 def objects_view(conn):
-    # The daemon's objects, or the error of asking for them.
+    # The daemon's objects with the D-Bus type of every property, or the error of asking.
     try:
-        return {'objects': plain(conn.call_blocking(
-            'org.bluez', '/', 'org.freedesktop.DBus.ObjectManager', 'GetManagedObjects', '', [],
-            timeout=20))}
+        objects = conn.call_blocking('org.bluez', '/', 'org.freedesktop.DBus.ObjectManager',
+                                     'GetManagedObjects', '', [], timeout=20)
     except dbus.exceptions.DBusException as error:
         return {'error': error.get_dbus_name()}
+    return {'objects': plain(objects), 'types': {str(path): {str(i): {
+        str(k): signature(v) for k, v in props.items()} for i, props in ifaces.items()}
+        for path, ifaces in objects.items()}}
+
+
+def probe(conn, entries, device):
+    # Each call's reply: "ok" or [error name, message].
+    replies = []
+    for label, path, interface, method, sig, args in entries:
+        args = [a.format(dev=device) if isinstance(a, str) else a for a in args]
+        try:
+            conn.call_blocking('org.bluez', path.format(dev=device), interface, method, sig, args,
+                               timeout=20)
+            replies.append({'label': label, 'reply': 'ok'})
+        except dbus.exceptions.DBusException as error:
+            replies.append({'label': label, 'reply': [error.get_dbus_name(),
+                                                      error.get_dbus_message()]})
+    return replies
+
+
+class RefusingAgent(dbus.service.Object):  # a user who says no to everything
+    asked = []
+
+    def refuse(self, method):
+        self.asked.append(method)
+        raise dbus.exceptions.DBusException('refused by the probe', name='org.bluez.Error.Rejected')
+
+    @dbus.service.method(AGENT, in_signature='ou', out_signature='')
+    def RequestConfirmation(self, _device, _passkey):
+        self.refuse('RequestConfirmation')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='')
+    def RequestAuthorization(self, _device):
+        self.refuse('RequestAuthorization')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='s')
+    def RequestPinCode(self, _device):
+        self.refuse('RequestPinCode')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='u')
+    def RequestPasskey(self, _device):
+        self.refuse('RequestPasskey')
+
+    @dbus.service.method(AGENT, in_signature='', out_signature='')
+    def Cancel(self):
+        self.asked.append('Cancel')
+
+
+def pair_refused(conn, device):
+    # Pairs the device while an agent of this connection refuses: which
+    # callbacks came, and what Pair answered. conn needs a GLib main loop.
+    agent, outcome, loop = RefusingAgent(conn, PROBE_AGENT), {}, GLib.MainLoop()
+    agent.asked = []
+    for method in ('RegisterAgent', 'RequestDefaultAgent'):
+        conn.call_blocking('org.bluez', '/org/bluez', MANAGER, method, 'o' + 's' * (
+            method == 'RegisterAgent'), [PROBE_AGENT] + ['KeyboardDisplay'] * (
+            method == 'RegisterAgent'))
+
+    def done(reply):
+        outcome['reply'] = reply
+        loop.quit()
+    conn.get_object('org.bluez', device, introspect=False).Pair(
+        dbus_interface=DEVICE, timeout=60, reply_handler=lambda: done('ok'),
+        error_handler=lambda e: done([e.get_dbus_name(), e.get_dbus_message()]))
+    GLib.timeout_add_seconds(70, loop.quit)
+    loop.run()
+    conn.call_blocking('org.bluez', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT])
+    agent.remove_from_connection()
+    return dict(outcome, asked=agent.asked)
 
 
 def device_path(adapter, address):
@@ -175,6 +303,7 @@ def main():
     live = objects_view(bus())['objects']
     host, peer = (live[path][ADAPTER]['Address'] for path in (HOST_PATH, PEER_PATH))
     RESULTS['notes'].update(host=host, peer=peer)
+    dev = device_path(HOST_PATH, peer)
     kelvane('scan-peer-hidden', '-e')
     set_peer('DiscoverableTimeout', dbus.UInt32(0))  # visible for good, and pairable
     set_peer('Discoverable', dbus.Boolean(True))
@@ -182,10 +311,14 @@ def main():
     kelvane('scan', '-e')
     kelvane('pair', '-p', peer.lower().replace(':', '-'))
     shutil.copytree(BACKUP, '/tmp/saved-backup')  # with the pairing, for the restore
+    RESULTS['probes']['paired'] = probe(bus(), PROBES_PAIRED, dev)
     kelvane('list', '-l')
     kelvane('forget', '-f', peer)
     kelvane('forget-again', '-f', peer)
     kelvane('pair-absent', '-p', ABSENT)
+    # That discovery found the peer again, unpaired: let an agent refuse it.
+    if dev in objects_view(bus()).get('objects', {}):
+        RESULTS['notes']['pair_refused'] = pair_refused(bus(), dev)
     daemon.stop()
     kelvane('list-daemon-stopped', '-l')
     shutil.rmtree(BACKUP)
@@ -193,6 +326,7 @@ def main():
     kelvane('restore', '-r')
     RESULTS['notes']['restarted'] = daemon.start()
     kelvane('list-restored', '-l')
+    RESULTS['probes']['idle'] = probe(bus(), PROBES_IDLE, dev)
     return 0
 
 

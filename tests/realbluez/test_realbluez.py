@@ -13,6 +13,7 @@ import warnings
 from pathlib import Path
 
 import dbus
+import dbus.mainloop.glib
 import pytest
 
 HERE = Path(__file__).resolve().parent
@@ -199,6 +200,55 @@ def test_restore_with_the_daemon_stopped_brings_the_pairing_back(vm):
     assert '%s/%s/info' % (vm.host, vm.peer) in step['store']
     _, live, _ = device(vm, 'list-restored')
     assert vm.notes['restarted'] and (live['Paired'], live['Trusted']) == (True, True)
+
+
+# -- the simulated BlueZ answers as the real one did --------------------------------
+
+@pytest.fixture(scope='module')
+def simulated(vm):
+    # The guest's questions put to the simulator in the same situations.
+    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+    with PrivateBus() as bus, Sim(bus) as sim:
+        conn = bus.connect()
+        sim.add_adapter('hci0', address=vm.host)
+        sim.add_adapter('hci1', address=vm.peer)
+        dev = sim.add_device('hci0', vm.peer, name='peer', uuids=[], rssi=-60, paired=True,
+                             trusted=True, connected=True, pairing='confirm')
+        answers = {'paired': guest.probe(conn, guest.PROBES_PAIRED, dev)}
+        sim.set_props(dev, connected=False)
+        answers['objects'] = guest.objects_view(conn)
+        answers['idle'] = guest.probe(conn, guest.PROBES_IDLE, dev)  # a discovery among them
+        answers['after_discovery'] = guest.objects_view(conn)
+        sim.set_props(dev, paired=False)
+        answers['pair_refused'] = guest.pair_refused(conn, dev)
+        conn.close()
+    return answers
+
+
+PROBES = [(stage, probe[0]) for stage in ('paired', 'idle')
+          for probe in getattr(guest, 'PROBES_' + stage.upper())]
+
+
+@pytest.mark.parametrize('stage,label', PROBES, ids=[label for _, label in PROBES])
+def test_simulator_answers_like_bluetoothd(vm, simulated, stage, label):
+    assert [a['reply'] for a in simulated[stage] if a['label'] == label] == [
+        a['reply'] for a in vm.results['probes'][stage] if a['label'] == label]
+
+
+def test_simulator_fails_a_refused_pairing_like_bluetoothd(vm, simulated):
+    assert simulated['pair_refused'] == vm.notes['pair_refused']
+
+
+def test_simulator_objects_carry_bluetoothds_property_types(vm, simulated):
+    real, sim = vm.step('scan')['bluez']['types'], simulated['objects']['types']
+    assert sim[guest.HOST_PATH][guest.ADAPTER] == real[guest.HOST_PATH][guest.ADAPTER]
+    # Modalias needs the device's Device ID; RSSI lasts only while discovery runs.
+    assert {k: v for k, v in sim[vm.peer_path][guest.DEVICE].items() if k != 'RSSI'} == {
+        k: v for k, v in real[vm.peer_path][guest.DEVICE].items() if k != 'Modalias'}
+    # The guest read bluetoothd's objects after the scan's discovery ended.
+    assert 'RSSI' not in objects(vm.step('scan'))[vm.peer_path][guest.DEVICE]
+    assert ['RSSI' in simulated[view]['objects'][vm.peer_path][guest.DEVICE]
+            for view in ('objects', 'after_discovery')] == [True, False]
 
 
 # Sections of bluetoothd's info file the simulator does not write: the Device
