@@ -177,8 +177,8 @@ static void handle_signal(DBusMessage *signal) {
     if (!dbus_message_is_signal(signal, DBUS_INTERFACE_DBUS, "NameOwnerChanged"))
         return;
     const char *name, *old_owner, *new_owner;
-    if (dbus_message_get_args(signal, NULL, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
-                              &old_owner, DBUS_TYPE_STRING, &new_owner, DBUS_TYPE_INVALID) &&
+    if (dbus_message_get_args(signal, NULL, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &old_owner,
+                              DBUS_TYPE_STRING, &new_owner, DBUS_TYPE_INVALID) &&
         name[0] == ':' && new_owner[0] == '\0')
         client_left(name);
 }
@@ -194,8 +194,8 @@ int main(int argc, char **argv) {
 
     /* "/" is fetched on a connection of replay's own, before any client. */
     DBusConnection *prefetch = open_bus(simulator_address);
-    DBusMessage *call = dbus_message_new_method_call("org.bluez", "/", OBJECT_MANAGER,
-                                                     "GetManagedObjects");
+    DBusMessage *call =
+        dbus_message_new_method_call("org.bluez", "/", OBJECT_MANAGER, "GetManagedObjects");
     DBusMessage *reply =
         dbus_connection_send_with_reply_and_block(prefetch, call, RELAY_TIMEOUT_MS, &error);
     if (!reply)

@@ -65,8 +65,8 @@ int main(int argc, char **argv) {
     const int exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     fprintf(report, "%lld %lld %lld %ld %d\n", wall,
             (long long)usage.ru_utime.tv_sec * 1000000 + usage.ru_utime.tv_usec,
-            (long long)usage.ru_stime.tv_sec * 1000000 + usage.ru_stime.tv_usec,
-            usage.ru_maxrss, exit_status);
+            (long long)usage.ru_stime.tv_sec * 1000000 + usage.ru_stime.tv_usec, usage.ru_maxrss,
+            exit_status);
     fclose(report);
     return 0;
 }

@@ -312,6 +312,10 @@ def main():
     kelvane('pair', '-p', peer.lower().replace(':', '-'))
     shutil.copytree(BACKUP, '/tmp/saved-backup')  # with the pairing, for the restore
     RESULTS['probes']['paired'] = probe(bus(), PROBES_PAIRED, dev)
+    # The peer's record of the host gets its Services a moment after the
+    # pairing, from its own service discovery: list the store once settled.
+    wait_for(lambda: all('Services=' in text for path, text in tree(STORE).items()
+                         if path.count('/') == 2 and path.endswith('/info')), 15)
     kelvane('list', '-l')
     kelvane('forget', '-f', peer)
     kelvane('forget-again', '-f', peer)
