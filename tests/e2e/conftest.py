@@ -1,79 +1,81 @@
-'''Fixtures of the end-to-end suites.
-
-bus          a private dbus-daemon for this test alone
-sim          the simulated BlueZ on that bus (kelvane_sim.Sim), empty at start
-run_kelvane  runs the binary from $KELVANE_BIN against that bus (harness.run_kelvane)
-
-When a test fails, the simulator's and the bus daemon's output are printed
-with its report.
-'''
+# Fixtures of the end-to-end suites: bus (a private dbus-daemon), sim (the
+# simulated BlueZ on it, empty at start), binary (the built kelvane) and
+# run_kelvane (harness.run_kelvane against that bus).
 
 import os
+import threading
 
 import pytest
 
 import harness
 from kelvane_sim.client import PrivateBus, Sim, describe_failure
 
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    setattr(item, 'report_' + report.when, report)
-    del call
+if os.geteuid() == 0:
+    harness.enter_private_namespace()
 
 
-def _failed(request):
-    report = getattr(request.node, 'report_call', None)
-    return report is not None and report.failed
-
-
+# What the fixtures print when they end is shown only with a failed test.
 @pytest.fixture
-def bus(request):
+def bus():
     private_bus = PrivateBus()
     yield private_bus
-    if _failed(request):
-        print(describe_failure(bus=private_bus))
+    print(describe_failure(bus=private_bus))
     private_bus.stop()
 
 
 @pytest.fixture
-def sim(bus, request):
+def sim(bus):
     simulator = Sim(bus)
     yield simulator
-    if _failed(request):
-        print(describe_failure(sim=simulator))
+    print(describe_failure(sim=simulator))
     simulator.stop()
 
 
-@pytest.fixture
-def kelvane_bin():
-    binary = os.environ.get('KELVANE_BIN')
-    if not binary:
+@pytest.fixture(scope='session')
+def binary():
+    if not os.environ.get('KELVANE_BIN'):
         pytest.skip('KELVANE_BIN is not set (ctest sets it to the built binary)')
-    return binary
+    if os.geteuid() != 0:
+        pytest.skip('the end-to-end harness needs root for its mount namespaces')
+    return os.environ['KELVANE_BIN']
 
 
 @pytest.fixture
-def run_kelvane(bus, kelvane_bin):
-    '''run_kelvane(args, root=True, store={}, tmp={}, env=None, argv0=None,
-    timeout=60, expect_json=True, readonly=()) -> harness.Run'''
-
+def run_kelvane(bus, binary):
+    # run_kelvane(args, **options) -> harness.Run; see harness.run_kelvane.
     def run(args, **options):
         options.setdefault('bus_address', bus.address)
-        return harness.run_kelvane(args, binary=kelvane_bin, **options)
-
+        return harness.run_kelvane(args, binary=binary, **options)
     return run
 
 
-@pytest.fixture
-def run_scenario(bus, kelvane_bin):
-    '''run_scenario(name, store=None, tmp=None, timeout=120, store_mount=False,
-    bind=(), **params) -> (report, namespace report); see nsscenarios.py'''
+@pytest.fixture(scope='module')
+def at_once(request, binary):
+    # at_once({name: (build, args, options)}, timeout) -> {name: (Run, Sim)}:
+    # every world on a bus of its own, all runs started together. build(sim)
+    # makes the world (build None: no BlueZ at all) and may return a function
+    # to run in a thread meanwhile; options go to harness.start, with box a
+    # function that makes the box.
+    buses, sims, threads = [], {}, []
 
-    def run(name, **options):
-        options.setdefault('bus_address', bus.address)
-        return harness.run_scenario(name, binary=kelvane_bin, **options)
-
-    return run
+    def run(worlds, timeout):
+        started = {}
+        for name, (build, args, options) in worlds.items():
+            buses.append(PrivateBus())
+            sims[name] = sim = build and Sim(buses[-1])
+            during = build and build(sim)
+            options = dict(options, box=options.get('box', harness.Box)())
+            started[name] = harness.start(args, binary=binary, bus_address=buses[-1].address,
+                                          **options)
+            if callable(during):
+                threads.append(threading.Thread(target=during))
+                threads[-1].start()
+        runs = harness.finish_all(started.values(), timeout)
+        return {name: (done, sims[name]) for name, done in zip(started, runs)}
+    yield run
+    for thread in threads:
+        thread.join()
+    if request.session.testsfailed:
+        print('\n'.join(describe_failure(sim=s) for s in sims.values() if s))
+    for stop in [s.stop for s in sims.values() if s] + [b.stop for b in buses]:
+        stop()

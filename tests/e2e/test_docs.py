@@ -131,7 +131,7 @@ def play(session, world, worlds, kelvane_bin):
         "%s\necho @@@\n" % command for command, _ in session)
     bus, store = worlds.enter(world)
     run = harness.run_kelvane(["-c", script], binary="/bin/sh", argv0="sh", bus_address=bus,
-                              store_from=store, expect_json=False, timeout=120)
+                              box=harness.Box(store_from=store), expect_json=False, timeout=120)
     return [chunk.splitlines() for chunk in run.stdout.split("@@@\n")[:-1]]
 
 

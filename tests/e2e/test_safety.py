@@ -1,37 +1,40 @@
-'''The store, its backup and the event file under attack and faults: entries
-planted in /tmp by another user, a user racing the tool, runs killed part
-way, a full disk, runs at the same time, an unusual umask. Nothing outside
-the store and the backup may ever change, and the store and the backup are
-always one complete version.'''
+# The store, its backup and the event file under attack and faults: entries
+# planted in /tmp by another user, a user racing the tool, runs killed part
+# way, a full disk, runs at the same time, an unusual umask. Nothing outside
+# the store and the backup may ever change, and the store and the backup are
+# always one complete version.
 
 import contextlib
+import os
+import random
+import shutil
+import signal
+import subprocess
+import time
 from pathlib import Path
 
 import pytest
 
 import contract
+import harness
 from harness import NOBODY, Dir, Fifo, File, Hardlink, Symlink
 
 MAC = 'AA:BB:CC:DD:EE:FF'
 ADAPTER = '00:1A:7D:DA:71:13'
-DEVICE = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'
 BACKUP = 'config/files/var_bluetooth'
 EVENTS = 'kelvane-events.json'
 STORE = {ADAPTER: Dir(0o700), ADAPTER + '/' + MAC: Dir(0o700),
          ADAPTER + '/' + MAC + '/info': File('[General]\nName=Keyboard\n', 0o600)}
-VICTIM = {'victim': Dir(0o755), 'victim/precious': File('precious\n', 0o644)}
+VICTIM = {'victim': Dir(0o755), 'victim/precious': File('precious\n')}
 SAVE_WARNING = 'debug: warning: failed to save bluetooth config: '
-PROTECTIONS = ('protected_symlinks', 'protected_hardlinks', 'protected_fifos',
-               'protected_regular')
 
 
 @pytest.fixture(scope='module', autouse=True)
 def unprotected():
-    '''The kernel's fs.protected_* guards switched off where we may: the tool
-    must be safe without them.'''
+    # The kernel's fs.protected_* guards off where we may: the tool must be safe without them.
     saved = {}
-    for name in PROTECTIONS:
-        path = Path('/proc/sys/fs') / name
+    for name in ('symlinks', 'hardlinks', 'fifos', 'regular'):
+        path = Path('/proc/sys/fs/protected_' + name)
         with contextlib.suppress(OSError):
             saved[path] = path.read_text()
             path.write_text('0')
@@ -41,184 +44,272 @@ def unprotected():
             path.write_text(value)
 
 
-def paired_device(sim):
-    '''A device that needs nothing: -p succeeds at once and saves.'''
+def paired_device(sim):  # -p succeeds at once and saves
     sim.add_adapter('hci0', pairable=True)
     sim.add_device('hci0', MAC, paired=True, trusted=True, connected=True)
 
 
-def kinds(piece):
-    '''What another user can plant at a piece of the path.'''
-    target = '/tmp/victim' + ('/precious' if piece == EVENTS else '')
-    return {
-        'symlink': Symlink(target),
-        'hard link': Hardlink('/tmp/victim/precious'),
-        'fifo': Fifo(0o666, NOBODY, NOBODY),
-        'foreign file': File('theirs\n', 0o666, NOBODY, NOBODY),
-        'foreign directory': Dir(0o777, NOBODY, NOBODY),
-    }
+def kinds(piece):  # what another user can plant at a piece of the path
+    return {'symlink': Symlink('/tmp/victim' + ('/precious' if piece == EVENTS else '')),
+            'hard link': Hardlink('/tmp/victim/precious'), 'fifo': Fifo(0o666, NOBODY),
+            'foreign file': File('theirs\n', 0o666, NOBODY), 'foreign dir': Dir(0o777, NOBODY)}
 
 
-def parents(piece):
-    pieces = piece.split('/')
-    return {'/'.join(pieces[:i]): Dir(0o755) for i in range(1, len(pieces))}
+PLANTED = [(piece, kind) for piece in ['config', 'config/files', BACKUP, EVENTS]
+           for kind in kinds(piece)]
 
 
-PIECES = ['config', 'config/files', BACKUP, EVENTS]
-PLANTED = [(piece, kind) for piece in PIECES for kind in kinds(piece)]
-
-
-@pytest.mark.parametrize('piece,kind', PLANTED, ids=['%s-%s' % (p, k.replace(' ', '_')) for p, k in PLANTED])
+@pytest.mark.parametrize('piece,kind', PLANTED, ids=['%s %s' % p for p in PLANTED])
 def test_planted_entries_are_never_used(run_kelvane, sim, piece, kind):
     paired_device(sim)
-    tmp = {**VICTIM, **parents(piece), piece: kinds(piece)[kind]}
-
-    run = run_kelvane(['-v', '-p', MAC], store=STORE, tmp=tmp, snapshot_before=True)
-
+    parents = {'/'.join(piece.split('/')[:i]): Dir() for i in range(1, piece.count('/') + 1)}
+    tmp = {**VICTIM, **parents, piece: kinds(piece)[kind]}
+    before = harness.Box(tmp, STORE)
+    run = run_kelvane(['-v', '-p', MAC], store=STORE, tmp=tmp)
     assert run.json['result'] == 'ok'
-    assert run.store == run.store_before
+    assert run.store == harness.snapshot(before.store)
     warnings = [line for line in run.stderr.splitlines() if line.startswith(SAVE_WARNING)]
+    old = harness.snapshot(before.tmp)
     if piece == EVENTS:
-        assert warnings == []
-        replaced = kind != 'foreign directory'  # which cannot be replaced: left alone
-        assert run.tmp.without(EVENTS, 'config') == run.tmp_before.without(EVENTS, 'config')
+        # Replaced by a file of ours, or (a directory) left alone; the save went on.
+        assert (warnings, run.tmp.without(EVENTS, 'config')) == ([], old.without(EVENTS))
         assert run.tmp.below(BACKUP) == run.store
-        if replaced:
-            left = run.tmp[EVENTS]
-            assert (type(left), left.uid, left.mode) == (File, 0, 0o644)
-            assert [e['event'] for e in run.events()] == ['trusted', 'connected']
+        if kind == 'foreign dir':
+            assert run.tmp[EVENTS] == old[EVENTS]
         else:
-            assert run.tmp[EVENTS] == run.tmp_before[EVENTS]
+            assert (type(run.tmp[EVENTS]), run.tmp[EVENTS].uid, run.tmp[EVENTS].mode) == (
+                File, 0, 0o644)
+            assert [e['event'] for e in run.events()] == ['trusted', 'connected']
         return
-    assert warnings == [SAVE_WARNING + (
-        'failed to create directory: /tmp/' + BACKUP if piece == BACKUP
-        else 'failed to create parent directory: /tmp/config/files')]
-    assert run.tmp.without(EVENTS) == run.tmp_before.without(EVENTS)
+    assert warnings == [SAVE_WARNING + ('failed to create directory: /tmp/' + BACKUP
+                                        if piece == BACKUP else
+                                        'failed to create parent directory: /tmp/config/files')]
+    assert run.tmp.without(EVENTS) == old.without(EVENTS)
+    # The restore reads nothing that is not ours alone; a non-directory of ours
+    # (the hard link) is no backup at all.
+    run = run_kelvane(['-r'], store=STORE, tmp=tmp)
+    assert run.json['error'] == ('' if kind == 'hard link' else 'untrusted backup path: /tmp/'
+                                 + piece)
+    assert (run.store, run.tmp) == (harness.expected(STORE), old)
 
-    # The restore reads nothing that is not ours alone; a non-directory of
-    # ours (the hard link) is no backup at all.
-    run = run_kelvane(['-r'], store=STORE, tmp=tmp, snapshot_before=True)
-    refused = kind != 'hard link'
-    assert run.json['error'] == ('untrusted backup path: /tmp/' + piece if refused else '')
-    assert (run.store, run.tmp) == (run.store_before, run.tmp_before)
+
+# -- a user racing the tool -----------------------------------------------------
+
+def attack(box, pause):
+    # As nobody, for ever: plant directories and links wherever the tool's
+    # paths are missing, at random moments, so that either side wins at times.
+    os.setgroups([])
+    os.setresgid(NOBODY, NOBODY, NOBODY)
+    os.setresuid(NOBODY, NOBODY, NOBODY)
+    config, events = box.tmp / 'config', box.tmp / EVENTS
+    while True:
+        time.sleep(random.uniform(0, pause))
+        for step in (lambda: config.mkdir(0o777), lambda: (config / 'files').mkdir(0o777),
+                     lambda: (box.tmp / BACKUP).symlink_to('/tmp/victim'),
+                     lambda: events.symlink_to('/tmp/victim/precious')):
+            with contextlib.suppress(OSError):
+                step()
 
 
-# The save comes at the end of a pairing, the restore at once: the user waits
-# for them accordingly.
-@pytest.mark.parametrize('args,pause', [(['-v', '-p', MAC], 0.4), (['-r'], 0.02)],
+def careful_backup(box, tree):  # unless the user won a piece first
+    try:
+        for piece in ('config', 'config/files', BACKUP):
+            (box.tmp / piece).mkdir(0o700)
+    except OSError:
+        return False
+    box.plant(box.tmp / BACKUP, tree, 0o700)
+    return True
+
+
+@pytest.mark.parametrize('args,pause,rounds', [(['-v', '-p', MAC], 0.4, 40), (['-r'], 0.02, 100)],
                          ids=['save', 'restore'])
-def test_a_racing_user_never_gets_a_write_outside(run_scenario, sim, args, pause):
+def test_a_racing_user_never_gets_a_write_outside(sim, bus, binary, args, pause, rounds):
     paired_device(sim)
-    report, _ = run_scenario('raced', args=args, rounds=100, pause=pause, tmp=VICTIM)
-    assert report['victim_intact'] and report['store_ok'], report
+    backup = devices(4, 'backup')
+    box = harness.Box(VICTIM, STORE)
+    victim = harness.snapshot(box.tmp / 'victim')
+    attacker = os.fork()
+    if attacker == 0:
+        try:
+            attack(box, pause)
+        finally:
+            os._exit(0)
+    outcomes = set()
+    try:
+        for _ in range(rounds):
+            while (box.tmp / 'config').exists():  # root's tmp cleaner, whoever made what
+                shutil.rmtree(box.tmp / 'config', ignore_errors=True)
+            (box.tmp / EVENTS).unlink(missing_ok=True)
+            time.sleep(random.uniform(0, pause))
+            legit = args == ['-r'] and careful_backup(box, backup)
+            run = harness.finish(harness.start(args, binary=binary, box=box,
+                                               bus_address=bus.address))
+            refused = SAVE_WARNING in run.stderr or 'untrusted' in run.stdout
+            outcomes.add((run.status, 'refused' if refused else 'done' if legit or
+                          args != ['-r'] else 'nothing'))
+            assert harness.snapshot(box.store) in (harness.expected(STORE),
+                                                   harness.expected(backup)), run
+            if args == ['-r']:
+                shutil.rmtree(box.store)
+                box.plant(box.store, STORE, 0o700)
+    finally:
+        os.kill(attacker, signal.SIGKILL)
+        os.waitpid(attacker, 0)
+    assert harness.snapshot(box.tmp / 'victim') == victim
     # The race was real: sometimes the user won a piece, sometimes the tool.
-    assert report['refused'] > 0, report
-    saving = '-p' in args
-    assert (report['saved'] if saving else report['legit']) > 0, report
-    assert report['statuses'] == ([0] if saving else [0, 1]), report
+    assert {o for _, o in outcomes} >= {'refused', 'done'}, outcomes
+    assert {s for s, _ in outcomes} == ({0} if '-p' in args else {0, 1}), outcomes
 
 
-KILLS = {
-    'restore': ('restore', ['-r'], {}),
-    'restore into a mounted store': ('restore', ['-r'], {'store_mount': True}),
-    'save': ('save', ['-f', 'AA:00:00:00:00:00'], {}),
-    'save into a mounted backup': ('save', ['-f', 'AA:00:00:00:00:00'],
-                                   {'bind': ['/tmp/' + BACKUP]}),
-}
+# -- runs killed part way -------------------------------------------------------
 
-
-@pytest.mark.parametrize('operation,args,options', KILLS.values(), ids=KILLS.keys())
-def test_a_killed_copy_leaves_one_complete_version(run_scenario, operation, args, options):
-    # Spread over the undisturbed run's duration, and past it should this
-    # run be slower.
-    fractions = [0.1, 0.25, 0.4, 0.55, 0.7, 0.85, 1.0, 1.2]
-    tmp = {'config': Dir(0o755), 'config/files': Dir(0o755), BACKUP: Dir(0o700)}
-    report, _ = run_scenario('killed', args=args, operation=operation, count=2000,
-                             fractions=fractions, after=['-f', '00:00:00:00:00:01'],
-                             tmp=tmp, timeout=60, **options)
-    points = report['points']
-    mounted = bool(options)
-    for point in points:
-        # Swapped whole, the tree is one version at every moment; swapped
-        # entry by entry (a mount point), the next run completes the move.
-        assert point['killed'] in (('old', 'new', 'mix') if mounted else ('old', 'new')), point
-        assert point['after'] in ('old', 'new') and point['leftovers'] == [], point
-        if point['killed'] != 'mix':
-            assert point['after'] == point['killed'], point
-    # The kills fell both before and after the swap.
-    assert {p['after'] for p in points} == {'old', 'new'}, report
-    assert any(p['left'] for p in points), report
-
-
-def many_devices(count, name):
-    tree = {ADAPTER: Dir(0o700)}
+def devices(count, variant, without=None):  # a store like BlueZ's
+    tree = {ADAPTER: Dir(0o700), ADAPTER + '/settings': File('[General]\n', 0o600)}
     for i in range(count):
         base = '%s/AA:00:00:00:%02X:%02X' % (ADAPTER, i >> 8, i & 0xFF)
-        tree[base] = Dir(0o700)
-        tree[base + '/info'] = File('[General]\nName=%s %d\n' % (name, i), 0o600)
-        tree[base + '/attributes'] = File('[0x0001]\n', 0o600)
+        if base.endswith(without or '-'):
+            continue
+        tree.update({base: Dir(0o700), base + '/attributes': File('[0x0001]\n', 0o600),
+                     base + '/info': File('[General]\nName=%s %d\n[LinkKey]\nKey=%032X\n'
+                                          % (variant, i, i), 0o600)})
     return tree
+
+
+def leftovers(box):
+    places = [box.var_lib, box.store, box.tmp, box.tmp / 'config/files', box.tmp / BACKUP]
+    return sorted(str(p / n) for p in places if p.is_dir() for n in os.listdir(p)
+                  if 'kelvane-' in n and not n.startswith('kelvane-events'))
+
+
+def version(tree, versions):
+    seen = {p: e for p, e in (harness.snapshot(tree) or {}).items() if '.kelvane' not in p}
+    return next((name for name, v in versions.items() if seen == v), 'mix')
+
+
+KILLS = {'restore': (['-r'], {}), 'restore into a mounted store': (['-r'], {'store_mount': True}),
+         'save': (['-f', 'AA:00:00:00:00:00'], {}),
+         'save into a mounted backup': (['-f', 'AA:00:00:00:00:00'], {'bind': ['/tmp/' + BACKUP]})}
+
+
+@pytest.mark.parametrize('args,options', KILLS.values(), ids=KILLS)
+def test_a_killed_copy_leaves_one_complete_version(binary, args, options):
+    count = 2000
+    restore = args == ['-r']
+    # -r replaces the store (old) with the backup (new); -f of the first
+    # device takes it from the store, whose copy then replaces the backup (old).
+    store = devices(count, 'old' if restore else 'current')
+    backup = devices(count, 'new' if restore else 'old')
+    versions = {'old': harness.expected(devices(count, 'old')),
+                'new': harness.expected(devices(count, 'new') if restore else devices(
+                    count, 'current', without='AA:00:00:00:00:00'))}
+    template = harness.Box(with_backup(backup), store)
+
+    def target(box):
+        return box.store if restore else box.tmp / BACKUP
+
+    def fresh():
+        box = harness.Box()
+        for part in ('tmp', 'var_lib'):
+            subprocess.run(['cp', '-a', '-T', getattr(template, part), getattr(box, part)],
+                           check=True)
+        return box
+
+    undisturbed = harness.finish(harness.start(args, binary=binary, box=fresh(), **options))
+    assert undisturbed.status == 0 and version(target(undisturbed.box), versions) == 'new'
+
+    def swapped(tree, _):
+        info = tree / ADAPTER / 'AA:00:00:00:00:00' / 'info'
+        return 'new' in info.read_text() if restore else not info.parent.exists()
+
+    # Kill while the copy is made, right after the swap (and, into a mount
+    # point, while its entries move), and at points spread over the
+    # undisturbed run's duration.
+    triggers = [lambda tree, _: any('kelvane-staging' in name for name in os.listdir(tree.parent))
+                or (tree / '.kelvane-staging').exists(), swapped]
+    triggers += [lambda tree, _, name=name: (tree / name).exists()
+                 for name in ('.kelvane-ready', '.kelvane-retired') if options]
+    triggers += [lambda _, elapsed, at=f * undisturbed.seconds: elapsed > at for f in (.3, .6, .9)]
+    points = []
+    for trigger in triggers:
+        box = fresh()
+        tree = target(box)
+        process = harness.start(args, binary=binary, box=box, **options)
+        with contextlib.suppress(OSError):
+            while process.poll() is None and not trigger(tree,
+                                                         time.monotonic() - process.run.started):
+                pass
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+        killed, left = version(tree, versions), leftovers(box)
+        harness.finish(harness.start(['-f', '00:00:00:00:00:01'], binary=binary, box=box,
+                                     **options))
+        point = {'killed': killed, 'left': left, 'after': version(tree, versions),
+                 'leftovers': leftovers(box)}
+        points.append(point)
+        # Swapped whole, the tree is one version at every moment; moved entry
+        # by entry into a mount point, the next run completes the move.
+        assert killed in ('old', 'new', 'mix' if options else 'old'), point
+        assert point['after'] in ('old', 'new') and point['leftovers'] == [], point
+        assert killed in ('mix', point['after']), point
+    # The kills fell before and after the swap, some leaving work for the next run.
+    assert {p['after'] for p in points} == {'old', 'new'} and any(p['left'] for p in points)
+
+
+def with_backup(tree):
+    return {'config': Dir(), 'config/files': Dir(), BACKUP: Dir(0o700),
+            **{BACKUP + '/' + p: e for p, e in tree.items()}}
 
 
 def test_a_full_disk_leaves_the_old_version(run_kelvane, sim):
     paired_device(sim)
-    small = many_devices(40, 'old')
-    backup = {'config': Dir(0o755), 'config/files': Dir(0o755), BACKUP: Dir(0o700),
-              **{BACKUP + '/' + p: e for p, e in small.items()}}
+    small, big = devices(40, 'old'), devices(300, 'new')
     # The store's copy does not fit into /tmp beside the old backup.
-    run = run_kelvane(['-v', '-p', MAC], store={**STORE, **many_devices(300, 'new')},
-                      tmp=backup, tmp_size='1m')
-    assert run.json['result'] == 'ok'
-    assert any(line.startswith(SAVE_WARNING + 'failed to copy ') for line in
-               run.stderr.splitlines()), run.stderr
-    assert {p: e for p, e in run.tmp.items() if p.startswith('config')} == backup
-
+    run = run_kelvane(['-v', '-p', MAC], store={**STORE, **big}, tmp=with_backup(small),
+                      tmp_size='1m')
+    assert SAVE_WARNING + 'failed to copy ' in run.stderr, run
+    assert run.tmp.without(EVENTS) == harness.expected(with_backup(small))
     # The backup does not fit into the store's file system.
-    run = run_kelvane(['-r'], store=small, tmp={BACKUP: Dir(0o700), **{
-        BACKUP + '/' + p: e for p, e in many_devices(300, 'new').items()}}, var_lib_size='1m')
+    run = run_kelvane(['-r'], store=small, tmp=with_backup(big), var_lib_size='1m')
     assert run.json['error'].startswith(('failed to copy ', 'failed to create directory: '))
-    assert run.store == small
+    assert run.store == harness.expected(small)
 
 
-def test_runs_at_once_take_turns(run_scenario, sim):
+def test_runs_at_once_take_turns(sim, bus, binary):
     sim.add_adapter('hci0')
     for address, passkey in (('11:11:11:11:11:11', 111111), ('22:22:22:22:22:22', 222222)):
         sim.add_device('hci0', address, pairing=[{'method': 'RequestConfirmation',
                                                   'passkey': passkey, 'delay': 0.3}])
-    store = many_devices(2000, 'stored')
+    store = devices(2000, 'stored')
+    box = harness.Box(with_backup(store), store)
     first, second = 'AA:00:00:00:00:07', 'AA:00:00:00:01:00'
-    report, (tmp, left) = run_scenario('concurrent', store=store, tmp={
-        'config': Dir(0o755), 'config/files': Dir(0o755), BACKUP: Dir(0o700),
-        **{BACKUP + '/' + p: e for p, e in store.items()}},
-        runs=[{'args': ['-f', first]}, {'args': ['-r'], 'delay': 0.01},
-              {'args': ['-f', second], 'delay': 0.02},
-              {'args': ['-p', '11:11:11:11:11:11'], 'delay': 0.03},
-              {'args': ['-p', '22:22:22:22:22:22'], 'delay': 0.04}], snapshot=True)
-    assert [r['status'] for r in report] == [0] * 5, report
+    runs = []
+    for args in (['-f', first], ['-r'], ['-f', second], ['-p', '11:11:11:11:11:11'],
+                 ['-p', '22:22:22:22:22:22']):
+        runs.append(harness.start(args, binary=binary, box=box, bus_address=bus.address))
+        time.sleep(0.01)
+    assert [r.status for r in harness.finish_all(runs)] == [0] * 5
     # Whatever the order, no device was lost and the backup is the store.
-    forgotten = {ADAPTER + '/' + first, ADAPTER + '/' + second}
+    left = harness.snapshot(box.store)
     assert {p for p in left if p.count('/') == 1} == \
-        {p for p in store if p.count('/') == 1} - forgotten
-    assert tmp.below(BACKUP) == left
+        {p for p in store if p.count('/') == 1} - {ADAPTER + '/' + first, ADAPTER + '/' + second}
+    assert harness.snapshot(box.tmp).below(BACKUP) == left
     # One run at a time: the calls of each run came together, and the event
     # file holds the last pairing's events alone.
     senders = [c.sender for c in sim.calls()]
     assert senders == sorted(senders, key=senders.index)
     last = sim.calls(method='Pair')[-1].path
-    events = contract.validate_events(tmp[EVENTS].content)
+    events = contract.validate_events((box.tmp / EVENTS).read_bytes())
     assert {e['device']['path'] for e in events} == {last}
-    assert [e['passkey'] for e in events if e['event'] == 'passkey'] == [
-        '111111' if last.endswith('11') else '222222']
+    assert [e['passkey'] for e in events if 'passkey' in e] == [last[-2:] * 3]
 
 
-def test_the_umask_does_not_decide_modes(run_kelvane, sim):
+@pytest.mark.parametrize('umask', [0o000, 0o777])
+def test_the_umask_does_not_decide_modes(run_kelvane, sim, umask):
     sim.add_adapter('hci0')
     sim.add_device('hci0', MAC)
-    modes = []
-    for umask in (0o000, 0o022, 0o777):
-        run = run_kelvane(['-p', MAC], store=STORE, umask=umask)
-        assert run.json['result'] == 'ok'
-        modes.append({p: run.tmp[p].mode for p in ('config', 'config/files', BACKUP,
-                                                   BACKUP + '/' + ADAPTER, EVENTS)})
-    assert modes == [{'config': 0o755, 'config/files': 0o755, BACKUP: 0o700,
-                      BACKUP + '/' + ADAPTER: 0o700, EVENTS: 0o644}] * 3
+    run = run_kelvane(['-p', MAC], store=STORE, umask=umask)
+    assert {p: run.tmp[p].mode for p in ('config', 'config/files', BACKUP,
+                                         BACKUP + '/' + ADAPTER, EVENTS)} == {
+        'config': 0o755, 'config/files': 0o755, BACKUP: 0o700, BACKUP + '/' + ADAPTER: 0o700,
+        EVENTS: 0o644}

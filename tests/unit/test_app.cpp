@@ -1,6 +1,6 @@
 #include "app/commandline.h"
 #include "app/frontend.h"
-#include "stdcapture.h"
+#include "testing.h"
 
 #include <QtTest>
 
@@ -8,71 +8,49 @@
 
 using namespace kelvane::app;
 
-namespace {
-
-// "usage", "unknown", or the word of the operation chosen.
-QString describeChoice(const ParsedCommandLine &parsed) {
-    switch (parsed.kind) {
-    case ParsedCommandLine::Kind::Usage:
-        return "usage";
-    case ParsedCommandLine::Kind::Unknown:
-        return "unknown";
-    case ParsedCommandLine::Kind::Operation:
-        break;
-    }
-    return parsed.command->word;
-}
-
-} // namespace
-
 class TestApp : public QObject {
     Q_OBJECT
 
 private slots:
+    // Words separated by '|'; parsed as "<usage|unknown|operation> [word] [mac=...] [trace]".
     void grammar_data() {
         QTest::addColumn<QStringList>("words");
-        QTest::addColumn<QString>("choice");
-        QTest::addColumn<QString>("word");
-        QTest::addColumn<QVariant>("mac"); // invalid: no MAC
-        QTest::addColumn<bool>("trace");
-        // Words are separated by '|'; a null mac means none.
-        const auto row = [](const char *words, const char *choice, const char *word,
-                            const char *mac, bool trace = false) {
-            QTest::newRow(words) << QString(words).split('|', Qt::SkipEmptyParts) << choice << word
-                                 << (mac ? QVariant(mac) : QVariant()) << trace;
+        QTest::addColumn<QString>("parsed");
+        const auto row = [](const char *words, const char *parsed) {
+            QTest::newRow(qPrintable(QString(words).replace('\n', "\\n")))
+                << QString(words).split('|', Qt::SkipEmptyParts) << QString(parsed);
         };
-        const char *mac = "AA:BB:CC:DD:EE:FF";
-        row("", "usage", "", nullptr);
-        row("-v|-v", "usage", "", nullptr, true);
-        row("-e|-h", "-e", "-e", nullptr);
-        row("-l|AA:BB:CC:DD:EE:FF", "-l", "-l", nullptr);
-        row("-r", "-r", "-r", nullptr);
-        row("-f", "-f", "-f", nullptr);
-        row("-f|-v|AA:BB:CC:DD:EE:FF", "-f", "-f", mac, true);
-        row("-p| aa-bb-cc-dd-ee-ff\n|x", "-p", "-p", " aa-bb-cc-dd-ee-ff\n");
-        row("-h|-e", "usage", "-h", nullptr);
-        row("--help", "usage", "--help", nullptr);
-        row("-v|-x|-v", "unknown", "-x", nullptr, true);
+        row("", "usage");
+        row("-v|-v", "usage trace");
+        row("-e|-h", "-e");
+        row("-l|AA:BB:CC:DD:EE:FF", "-l");
+        row("-r", "-r");
+        row("-f", "-f");
+        row("-f|-v|AA:BB:CC:DD:EE:FF", "-f mac=AA:BB:CC:DD:EE:FF trace");
+        row("-p| aa-bb-cc-dd-ee-ff\n|x", "-p mac= aa-bb-cc-dd-ee-ff\n");
+        row("-h|-e", "usage -h");
+        row("--help", "usage --help");
+        row("-v|-x|-v", "unknown -x trace");
         for (const char *word : {"-vv", "-E", " -e", "", "e"})
             QTest::addRow("unknown '%s'", word)
-                << QStringList{word, "-e"} << "unknown" << word << QVariant() << false;
+                << QStringList{word, "-e"} << "unknown " + QString(word);
     }
     void grammar() {
         QFETCH(QStringList, words);
-        QFETCH(QString, choice);
-        QFETCH(QString, word);
-        QFETCH(QVariant, mac);
-        QFETCH(bool, trace);
+        QFETCH(QString, parsed);
         std::vector<std::string> arguments;
-        for (const QString &w : words)
-            arguments.push_back(w.toStdString());
-        const ParsedCommandLine parsed = parseCommandLine(arguments);
-        QCOMPARE(describeChoice(parsed), choice);
-        QCOMPARE(QString::fromStdString(parsed.word), word);
-        QCOMPARE(parsed.mac.has_value(), mac.isValid());
-        if (parsed.mac)
-            QCOMPARE(QString::fromStdString(*parsed.mac), mac.toString());
-        QCOMPARE(parsed.trace, trace);
+        for (const QString &word : words)
+            arguments.push_back(word.toStdString());
+        const ParsedCommandLine p = parseCommandLine(arguments);
+        using Kind = ParsedCommandLine::Kind;
+        QString got = p.kind == Kind::Usage     ? "usage"
+                      : p.kind == Kind::Unknown ? "unknown"
+                                                : QString(p.command->word);
+        if (p.kind != Kind::Operation && (p.kind == Kind::Unknown || !p.word.empty()))
+            got += ' ' + QString::fromStdString(p.word);
+        if (p.mac)
+            got += " mac=" + QString::fromStdString(*p.mac);
+        QCOMPARE(p.trace ? got + " trace" : got, parsed);
     }
 
     void usageText() {

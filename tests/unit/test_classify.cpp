@@ -1,19 +1,15 @@
 #include "classify/appearance.h"
 #include "classify/classofdevice.h"
 #include "classify/hid.h"
-
-#include <QtTest>
+#include "classify/label.h"
+#include "testing.h"
 
 using namespace kelvane::classify;
 
 namespace {
 
-std::uint32_t cod(unsigned major, unsigned minor) {
-    return (major << 8) | (minor << 2);
-}
-
-template <typename T> std::optional<T> optional(const QVariant &value) {
-    return value.isValid() ? std::optional<T>(static_cast<T>(value.toLongLong())) : std::nullopt;
+std::optional<std::uint32_t> hex(const QString &text) {
+    return text.isEmpty() ? std::nullopt : std::optional<std::uint32_t>(text.toUInt(nullptr, 16));
 }
 
 } // namespace
@@ -22,136 +18,117 @@ class TestClassify : public QObject {
     Q_OBJECT
 
 private slots:
-    void describe_data() {
-        QTest::addColumn<uint>("value");
-        QTest::addColumn<QByteArray>("text");
-        const QByteArray headset = "Audio/Video: Wearable headset (Audio, Rendering)";
-        QTest::newRow("headset") << 0x240404u << headset;
-        QTest::newRow("bits above 23") << 0xFF240404u << headset;
-        QTest::newRow("bit 22 unnamed")
-            << 0x5A020Cu
-            << QByteArray("Phone: Smartphone (Object Transfer, Capturing, Networking)");
-        QTest::newRow("format, 14, 15, 22, 23") << 0xC0C10Fu << QByteArray("Computer: Laptop");
-        QTest::newRow("unknown major")
-            << 0x000A00u << QByteArray("Unknown major device class: Uncategorized device");
-        QTest::newRow("major 31") << 0x001F24u << QByteArray("Uncategorized: Uncategorized device");
-        QTest::newRow("all services")
-            << 0xFFE000u
-            << QByteArray("Miscellaneous: Uncategorized device (Audio, Object Transfer, Capturing, "
-                          "Rendering, Networking, Positioning, Limited Discoverable Mode)");
+    // What each rule answers for an argument. describe: a Class of Device;
+    // minor: "major/minor" (the other bits must not matter); icon: an
+    // appearance, answered "icon/description"; hid: "appearance;class;uuids,...";
+    // label: "first|second".
+    void rules_data() {
+        ruleColumns();
+        const auto row = rule;
+        const QString headset = "Audio/Video: Wearable headset (Audio, Rendering)";
+        row("describe", "240404", headset);
+        row("describe", "FF240404", headset); // bits above 23
+        row("describe", "5A020C", "Phone: Smartphone (Object Transfer, Capturing, Networking)");
+        row("describe", "C0C10F", "Computer: Laptop"); // format bits, bits 14, 15, 22, 23
+        row("describe", "000A00", "Unknown major device class: Uncategorized device");
+        row("describe", "001F24", "Uncategorized: Uncategorized device");
+        row("describe", "FFE000",
+            "Miscellaneous: Uncategorized device (Audio, Object Transfer, Capturing, Rendering, "
+            "Networking, Positioning, Limited Discoverable Mode)");
         // Each service bit alone, so that no two masks can be mixed up unnoticed.
         const char *services[] = {"Positioning", "Networking",      "Rendering",
                                   "Capturing",   "Object Transfer", "Audio"};
         for (unsigned bit = 16; bit <= 21; ++bit)
-            QTest::addRow("bit %u", bit)
-                << (1u << bit)
-                << "Miscellaneous: Uncategorized device (" + QByteArray(services[bit - 16]) + ")";
-    }
-    void describe() {
-        QFETCH(uint, value);
-        QFETCH(QByteArray, text);
-        QCOMPARE(describeClassOfDevice(ClassOfDevice(value)), text);
-    }
-
-    // "major/minor=text": the last named minor of each table, the fallback in a gap and past
-    // the end, and each field of the bit-field minors.
-    void minorNames_data() {
-        QTest::addColumn<uint>("value");
-        QTest::addColumn<QByteArray>("text");
-        const QString rows =
-            "1/6=Wearable computer|1/7=Uncategorized computer|2/5=Common ISDN access|"
-            "2/6=Uncategorized phone|4/3=Uncategorized audio/video device|"
-            "4/18=Gaming or toy audio/video device|4/63=Uncategorized audio/video device|"
-            "7/5=Glasses|7/6=Uncategorized wearable|8/1=Robot|8/6=Uncategorized toy|"
-            "9/15=Personal mobility device|9/16=Uncategorized health device|"
-            "10/1=Uncategorized device|3/1=Uncategorized network device|"
-            "3/56=Network utilization 100%|5/1=Joystick|5/3=Remote control|"
-            "5/4=Uncategorized peripheral|5/16=Keyboard|5/32=Pointing device|"
-            "5/49=Combo keyboard and pointing device|6/3=Uncategorized imaging device|"
-            "6/4=Display|6/8=Camera|6/16=Scanner|6/32=Printer";
-        for (const QString &row : rows.split('|')) {
-            const QString key = row.section('=', 0, 0);
-            QTest::newRow(qPrintable(row))
-                << cod(key.section('/', 0, 0).toUInt(), key.section('/', 1).toUInt())
-                << row.section('=', 1).toLatin1();
-        }
-    }
-    void minorNames() {
-        QFETCH(uint, value);
-        QFETCH(QByteArray, text);
-        QCOMPARE(minorDeviceClassName(ClassOfDevice(value)), text);
-        QCOMPARE(minorDeviceClassName(ClassOfDevice(value | 0xFFE003u)), text);
-    }
-
-    void appearance_data() {
-        QTest::addColumn<QVariant>("appearance");
-        QTest::addColumn<QString>("icon");
-        QTest::addColumn<QString>("description");
-        QTest::newRow("absent") << QVariant() << "device" << QString();
-        const QStringList names{"Generic HID", "Generic Keyboard", "Generic Mouse",
-                                "Generic Joystick", "Generic Gamepad"};
-        const char *icons[] = {"0000=device",   "0040=phone",      "0080=computer",
-                               "00C1=watch",    "0180=remote",     "03BF=device",
-                               "03C0=device",   "03C1=keyboard",   "03C2=mouse",
-                               "03C3=joystick", "03C4=gamepad",    "03C5=device",
-                               "0680=printer",  "0741=headphones", "0742=speaker",
-                               "0743=headset",  "0744=headphones", "07C0=headphones",
-                               "07C2=headset",  "0940=camera",     "C3C1=keyboard"};
-        for (const char *row : icons) {
-            const QStringList parts = QString(row).split('=');
-            const int value = parts[0].toInt(nullptr, 16);
-            QTest::newRow(row) << QVariant(value) << parts[1] << names.value(value - 0x03C0, "");
-        }
-    }
-    void appearance() {
-        QFETCH(QVariant, appearance);
-        QFETCH(QString, icon);
-        QFETCH(QString, description);
-        const auto value = optional<std::uint16_t>(appearance);
-        QCOMPARE(iconNameForAppearance(value), icon);
-        if (value)
-            QCOMPARE(appearanceDescription(*value), description);
-    }
-
-    void isHid_data() {
-        QTest::addColumn<QVariant>("appearance");
-        QTest::addColumn<QStringList>("uuids");
-        QTest::addColumn<QVariant>("classOfDevice");
-        QTest::addColumn<bool>("hid");
-        const auto row = [](const char *name, const QVariant &appearance, const QStringList &uuids,
-                            const QVariant &classOfDevice, bool hid) {
-            QTest::newRow(name) << appearance << uuids << classOfDevice << hid;
-        };
+            row("describe", QString::number(1u << bit, 16),
+                QString("Miscellaneous: Uncategorized device (%1)").arg(services[bit - 16]));
+        // The last named minor of each table, the fallback in a gap and past the
+        // end, and each field of the bit-field minors.
+        for (const QString &minor :
+             QString("1/6=Wearable computer|1/7=Uncategorized computer|2/5=Common ISDN access|"
+                     "2/6=Uncategorized phone|4/3=Uncategorized audio/video device|"
+                     "4/18=Gaming or toy audio/video device|4/63=Uncategorized audio/video device|"
+                     "7/5=Glasses|7/6=Uncategorized wearable|8/1=Robot|8/6=Uncategorized toy|"
+                     "9/15=Personal mobility device|9/16=Uncategorized health device|"
+                     "10/1=Uncategorized device|3/1=Uncategorized network device|"
+                     "3/56=Network utilization 100%|5/1=Joystick|5/3=Remote control|"
+                     "5/4=Uncategorized peripheral|5/16=Keyboard|5/32=Pointing device|"
+                     "5/49=Combo keyboard and pointing device|6/3=Uncategorized imaging device|"
+                     "6/4=Display|6/8=Camera|6/16=Scanner|6/32=Printer")
+                 .split('|'))
+            row("minor", minor.section('=', 0, 0), minor.section('=', 1));
+        row("icon", "", "device/");
+        for (const char *icon : {"0000=device/",
+                                 "0040=phone/",
+                                 "0080=computer/",
+                                 "00C1=watch/",
+                                 "0180=remote/",
+                                 "03BF=device/",
+                                 "03C0=device/Generic HID",
+                                 "03C1=keyboard/Generic Keyboard",
+                                 "03C2=mouse/Generic Mouse",
+                                 "03C3=joystick/Generic Joystick",
+                                 "03C4=gamepad/Generic Gamepad",
+                                 "03C5=device/",
+                                 "0680=printer/",
+                                 "0741=headphones/",
+                                 "0742=speaker/",
+                                 "0743=headset/",
+                                 "0744=headphones/",
+                                 "07C0=headphones/",
+                                 "07C2=headset/",
+                                 "0940=camera/",
+                                 "C3C1=keyboard/"})
+            row("icon", QString(icon).section('=', 0, 0), QString(icon).section('=', 1));
         const QString sink = "0000110b-0000-1000-8000-00805f9b34fb";
-        const QVariant none;
-        row("hid", none, {"00001124-0000-1000-8000-00805f9b34fb"}, none, true);
-        row("32-bit group, no dashes", none, {"abcd1124"}, none, true);
+        row("hid", ";;00001124-0000-1000-8000-00805f9b34fb", "1");
+        row("hid", ";;abcd1124", "1"); // 32-bit group, no dashes
         // The first group must be plain hexadecimal digits worth at most 32 bits.
-        row("no short form", none,
-            {"100001124-0000", "0000112g-0000", "11 24", "-1124", " ", "0x1124", "+1124", "1812 -"},
-            none, false);
-        row("later hogp, skipping junk", none,
-            {"junk", "", sink, " 00001812-0000-1000-8000-00805F9B34FB "}, none, true);
-        row("no sign", 0x0941, {sink}, 0x240404, false);
-        row("appearance low", 0x03C0, {}, none, true);
-        row("appearance high", 0x03FF, {}, none, true);
-        row("below hid", 0x03BF, {}, none, false);
-        row("above hid", 0x0400, {}, none, false);
-        row("bits 14-15", 0xC3C1, {}, none, false);
-        row("peripheral, high bits", none, {}, 0xFFFFE503u, true);
-        row("major 21", none, {}, 0x1500, false);
+        row("hid", ";;100001124-0000,0000112g-0000,11 24,-1124, ,0x1124,+1124,1812 -", "0");
+        row("hid", ";;junk,," + sink + ", 00001812-0000-1000-8000-00805F9B34FB ", "1");
+        row("hid", "0941;240404;" + sink, "0");
+        for (const char *appearance : {"03C0=1", "03FF=1", "03BF=0", "0400=0", "C3C1=0"})
+            row("hid", QString(appearance).section('=', 0, 0) + ";;",
+                QString(appearance).section('=', 1));
+        row("hid", ";FFFFE503;", "1"); // peripheral, high bits set
+        row("hid", ";1500;", "0");     // major 21
+        row("label", "Name|Alias", "Name");
+        row("label", "|Alias", "Alias");
+        row("label", " |Alias", " "); // a blank name still counts
+        row("label", "|", "[unknown]");
     }
-    void isHid() {
-        QFETCH(QVariant, appearance);
-        QFETCH(QStringList, uuids);
-        QFETCH(QVariant, classOfDevice);
-        QFETCH(bool, hid);
-        std::vector<std::string> list;
-        for (const QString &uuid : uuids)
-            list.push_back(uuid.toStdString());
-        QCOMPARE(isHidDevice(optional<std::uint16_t>(appearance), list,
-                             optional<std::uint32_t>(classOfDevice)),
-                 hid);
+    void rules() {
+        checkRule({{"describe",
+                    [](const QString &value) {
+                        return describeClassOfDevice(ClassOfDevice(*hex(value)));
+                    }},
+                   {"minor",
+                    [](const QString &minor) {
+                        const std::uint32_t cod = (minor.section('/', 0, 0).toUInt() << 8) |
+                                                  (minor.section('/', 1).toUInt() << 2);
+                        const QByteArray name = minorDeviceClassName(ClassOfDevice(cod));
+                        return name == minorDeviceClassName(ClassOfDevice(cod | 0xFFE003u)) ? name
+                                                                                            : "";
+                    }},
+                   {"icon",
+                    [](const QString &value) {
+                        const auto appearance = hex(value);
+                        return iconNameForAppearance(appearance) + '/' +
+                               (appearance ? appearanceDescription(*appearance) : "");
+                    }},
+                   {"hid",
+                    [](const QString &argument) {
+                        const QStringList parts = argument.split(';');
+                        std::vector<std::string> uuids;
+                        for (const QString &uuid : parts[2].split(','))
+                            uuids.push_back(uuid.toStdString());
+                        const auto appearance = hex(parts[0]);
+                        return QString::number(isHidDevice(
+                            appearance ? std::optional<std::uint16_t>(*appearance) : std::nullopt,
+                            uuids, hex(parts[1])));
+                    }},
+                   {"label", [](const QString &names) {
+                        return displayLabel(names.section('|', 0, 0), names.section('|', 1));
+                    }}});
     }
 };
 

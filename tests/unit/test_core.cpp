@@ -1,5 +1,5 @@
 #include "core/trace.h"
-#include "stdcapture.h"
+#include "testing.h"
 
 #include <QtTest>
 

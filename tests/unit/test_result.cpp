@@ -1,6 +1,6 @@
 #include "result/json.h"
 #include "result/resultdocument.h"
-#include "stdcapture.h"
+#include "testing.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -106,18 +106,6 @@ private slots:
                  QByteArray(R"({"adapters":[],"devices":[],"error":"adapter 0: a; adapter 1: b",)"
                             R"("result":"ok"})"));
         QCOMPARE(captureStream(stdout, [] { writeResultLine("{}"); }), QByteArray("{}\n"));
-    }
-
-    // The name, else the alias; a blank name still counts.
-    void label() {
-        DeviceInfo d;
-        d.alias = "Alias";
-        const auto label = [](const DeviceInfo &device) {
-            return QJsonDocument::fromJson(deviceToJson(device)).object().value("label").toString();
-        };
-        QCOMPARE(label(d), QString("Alias"));
-        d.name = " ";
-        QCOMPARE(label(d), QString(" "));
     }
 
     // The widest values of each field, written as plain integers; an appearance
