@@ -11,6 +11,7 @@ from pathlib import Path
 import jsonschema
 
 SCHEMA_DIR = Path(__file__).resolve().parents[2] / 'schema'
+SCHEMA_ID = 'https://kelvane.invalid/schema/'
 
 
 class ContractError(AssertionError):
@@ -19,21 +20,18 @@ class ContractError(AssertionError):
         super().__init__(what + ' breaks the contract:\n  ' + '\n  '.join(self.problems))
 
 
-def _validator(name):
-    # Each is stored under its file's address, so that references between
-    # them resolve to these files, wherever the tree is.
-    schemas = {path.as_uri(): dict(json.loads(path.read_text()), **{'$id': path.as_uri()})
-               for path in SCHEMA_DIR.glob('*.json')}
-    # JSON Schema counts 5.0 as an integer; the tool must write plain 5.
-    checker = jsonschema.Draft202012Validator.TYPE_CHECKER.redefine(
-        'integer', lambda _, value: isinstance(value, int) and not isinstance(value, bool))
-    strict = jsonschema.validators.extend(jsonschema.Draft202012Validator, type_checker=checker)
-    schema = schemas[(SCHEMA_DIR / name).as_uri()]
-    return strict(schema, resolver=jsonschema.RefResolver.from_schema(schema, store=schemas))
-
-
-VALIDATORS = {'result line': _validator('result.schema.json'),
-              'event file': _validator('events.schema.json')}
+# The schemas name each other by their $id, as any consumer resolves them.
+SCHEMAS = {schema['$id']: schema for schema in (json.loads(path.read_text())
+                                                for path in SCHEMA_DIR.glob('*.json'))}
+# JSON Schema counts 5.0 as an integer; the tool must write plain 5.
+STRICT = jsonschema.validators.extend(
+    jsonschema.Draft202012Validator,
+    type_checker=jsonschema.Draft202012Validator.TYPE_CHECKER.redefine(
+        'integer', lambda _, value: isinstance(value, int) and not isinstance(value, bool)))
+VALIDATORS = {what: STRICT(schema, resolver=jsonschema.RefResolver.from_schema(schema,
+                                                                              store=SCHEMAS))
+              for what, schema in (('result line', SCHEMAS[SCHEMA_ID + 'result.schema.json']),
+                                   ('event file', SCHEMAS[SCHEMA_ID + 'events.schema.json']))}
 
 
 def _validate(raw, what):

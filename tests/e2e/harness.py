@@ -110,6 +110,15 @@ def expected(description):
     return tree
 
 
+BACKUP = 'config/files/var_bluetooth'  # below /tmp
+
+
+def with_backup(tree):
+    # A description of /tmp holding tree as the backup.
+    return {'config': Dir(), 'config/files': Dir(), BACKUP: Dir(0o700),
+            **{BACKUP + '/' + p: e for p, e in tree.items()}}
+
+
 class Box:
     # What runs see as /tmp (tmp), /var/lib (var_lib, holding the store as
     # store) and /run; tmp_size, var_lib_size: a tmpfs of that size of its own;

@@ -83,14 +83,10 @@ def test_a_daemon_that_never_answers_costs_one_timeout(sim, bus, binary):
 OK_LINE = '{"adapters":[],"devices":[],"error":"","result":"ok"}'
 
 
-@pytest.mark.parametrize('check,raw', [
-    (contract.validate_result, OK_LINE), (contract.validate_result, OK_LINE + '\n\n'),
-    (contract.validate_result, OK_LINE.replace(':', ': ', 1) + '\n'),
-    (contract.validate_result, OK_LINE.replace('"adapters":[],"devices":[]',
-                                               '"devices":[],"adapters":[]') + '\n'),
-    (contract.validate_result, OK_LINE.replace('"ok"', '"partial"') + '\n'),
-    (contract.validate_events, '[{"event":"trusted","timestamp":1.0}]\n'),
-])
-def test_the_contract_check_can_fail(check, raw):
+@pytest.mark.parametrize('raw', [
+    OK_LINE, OK_LINE + '\n\n', OK_LINE.replace(':', ': ', 1) + '\n',
+    OK_LINE.replace('"adapters":[],"devices":[]', '"devices":[],"adapters":[]') + '\n',
+    OK_LINE.replace('"ok"', '"partial"') + '\n', '[{"event":"trusted","timestamp":1.0}]\n'])
+def test_the_contract_check_can_fail(raw):
     with pytest.raises(contract.ContractError):
-        check(raw.encode())
+        (contract.validate_events if raw[0] == '[' else contract.validate_result)(raw.encode())

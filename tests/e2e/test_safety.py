@@ -17,11 +17,10 @@ import pytest
 
 import contract
 import harness
-from harness import NOBODY, Dir, Fifo, File, Hardlink, Symlink
+from harness import BACKUP, NOBODY, Dir, Fifo, File, Hardlink, Symlink, with_backup
 
 MAC = 'AA:BB:CC:DD:EE:FF'
 ADAPTER = '00:1A:7D:DA:71:13'
-BACKUP = 'config/files/var_bluetooth'
 EVENTS = 'kelvane-events.json'
 STORE = {ADAPTER: Dir(0o700), ADAPTER + '/' + MAC: Dir(0o700),
          ADAPTER + '/' + MAC + '/info': File('[General]\nName=Keyboard\n', 0o600)}
@@ -254,11 +253,6 @@ def test_a_killed_copy_leaves_one_complete_version(binary, args, options):
         assert killed in ('mix', point['after']), point
     # The kills fell before and after the swap, some leaving work for the next run.
     assert {p['after'] for p in points} == {'old', 'new'} and any(p['left'] for p in points)
-
-
-def with_backup(tree):
-    return {'config': Dir(), 'config/files': Dir(), BACKUP: Dir(0o700),
-            **{BACKUP + '/' + p: e for p, e in tree.items()}}
 
 
 def test_a_full_disk_leaves_the_old_version(run_kelvane, sim):
