@@ -57,8 +57,7 @@ private slots:
                  .split('|'))
             row("minor", minor.section('=', 0, 0), minor.section('=', 1));
         row("icon", "", "device/");
-        for (const char *icon : {"0000=device/",
-                                 "0040=phone/",
+        for (const char *icon : {"0040=phone/",
                                  "0080=computer/",
                                  "00C1=watch/",
                                  "0180=remote/",
