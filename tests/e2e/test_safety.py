@@ -120,7 +120,7 @@ def careful_backup(box, tree):  # unless the user won a piece first
     return True
 
 
-@pytest.mark.parametrize('args,pause,rounds', [(['-v', '-p', MAC], 0.4, 40), (['-r'], 0.02, 100)],
+@pytest.mark.parametrize('args,pause,rounds', [(['-v', '-p', MAC], 0.4, 40), (['-r'], 0.02, 260)],
                          ids=['save', 'restore'])
 def test_a_racing_user_never_gets_a_write_outside(sim, bus, binary, args, pause, rounds):
     paired_device(sim)
