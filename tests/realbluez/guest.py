@@ -19,6 +19,8 @@ import traceback
 
 import dbus
 import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
 
 SHARE = '/share'
 STORE = '/var/lib/bluetooth'
@@ -46,6 +48,8 @@ PROBES_IDLE = [(label, path or HOST_PATH, interface, method, signature, args)
     ('stop discovery never started', None, ADAPTER, 'StopDiscovery', '', []),
     ('discovery filter with an unknown transport', None, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
      [{'Transport': 'radio'}]),
+    ('discovery filter with an unknown key', None, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
+     [{'Colour': 'blue'}]),
     ('start discovery', None, ADAPTER, 'StartDiscovery', '', []),
     ('start discovery twice', None, ADAPTER, 'StartDiscovery', '', []),
     ('stop discovery', None, ADAPTER, 'StopDiscovery', '', []),
@@ -54,19 +58,27 @@ PROBES_IDLE = [(label, path or HOST_PATH, interface, method, signature, args)
     ('set an unknown property', None, PROPS, 'Set', 'ssv', [ADAPTER, 'Colour', 'blue']),
     ('get an unknown property', None, PROPS, 'Get', 'ss', [ADAPTER, 'Colour']),
     ('get the absent RSSI', '{dev}', PROPS, 'Get', 'ss', [DEVICE, 'RSSI']),
+    ('get from an unknown interface', None, PROPS, 'Get', 'ss', ['org.bluez.Colour1', 'Powered']),
     ('set without a variant', None, PROPS, 'Set', 'sss', [ADAPTER, 'Powered', 'true']),
     ('remove an unknown device', None, ADAPTER, 'RemoveDevice', 'o',
      [HOST_PATH + '/dev_00_11_22_33_44_55']),
     ('remove a device of another adapter', PEER_PATH, ADAPTER, 'RemoveDevice', 'o', ['{dev}']),
     ('managed objects below /org/bluez', '/org/bluez', 'org.freedesktop.DBus.ObjectManager',
      'GetManagedObjects', '', []),
+    ('register an agent with an unknown capability', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
+     [PROBE_AGENT, 'Telepathy']),
     ('register an agent', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
      [PROBE_AGENT, 'KeyboardDisplay']),
     ('register an agent twice', '/org/bluez', MANAGER, 'RegisterAgent', 'os',
      [PROBE_AGENT, 'KeyboardDisplay']),
+    ('default agent of another path', '/org/bluez', MANAGER, 'RequestDefaultAgent', 'o',
+     ['/probe/other']),
     ('unregister another path', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', ['/probe/other']),
     ('unregister the agent', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT]),
+    ('unregister the agent again', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT]),
     ('power hci1 off', PEER_PATH, PROPS, 'Set', 'ssv', [ADAPTER, 'Powered', False]),
+    ('discovery filter while powered off', PEER_PATH, ADAPTER, 'SetDiscoveryFilter', 'a{sv}',
+     [{'Transport': 'auto'}]),
     ('start discovery while powered off', PEER_PATH, ADAPTER, 'StartDiscovery', '', [])]]
 
 
@@ -156,6 +168,57 @@ def probe(conn, entries, device):
             replies.append({'label': label, 'reply': [error.get_dbus_name(),
                                                       error.get_dbus_message()]})
     return replies
+
+
+class RefusingAgent(dbus.service.Object):  # a user who says no to everything
+    asked = []
+
+    def refuse(self, method):
+        self.asked.append(method)
+        raise dbus.exceptions.DBusException('refused by the probe', name='org.bluez.Error.Rejected')
+
+    @dbus.service.method(AGENT, in_signature='ou', out_signature='')
+    def RequestConfirmation(self, _device, _passkey):
+        self.refuse('RequestConfirmation')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='')
+    def RequestAuthorization(self, _device):
+        self.refuse('RequestAuthorization')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='s')
+    def RequestPinCode(self, _device):
+        self.refuse('RequestPinCode')
+
+    @dbus.service.method(AGENT, in_signature='o', out_signature='u')
+    def RequestPasskey(self, _device):
+        self.refuse('RequestPasskey')
+
+    @dbus.service.method(AGENT, in_signature='', out_signature='')
+    def Cancel(self):
+        self.asked.append('Cancel')
+
+
+def pair_refused(conn, device):
+    # Pairs the device while an agent of this connection refuses: which
+    # callbacks came, and what Pair answered. conn needs a GLib main loop.
+    agent, outcome, loop = RefusingAgent(conn, PROBE_AGENT), {}, GLib.MainLoop()
+    agent.asked = []
+    for method in ('RegisterAgent', 'RequestDefaultAgent'):
+        conn.call_blocking('org.bluez', '/org/bluez', MANAGER, method, 'o' + 's' * (
+            method == 'RegisterAgent'), [PROBE_AGENT] + ['KeyboardDisplay'] * (
+            method == 'RegisterAgent'))
+
+    def done(reply):
+        outcome['reply'] = reply
+        loop.quit()
+    conn.get_object('org.bluez', device, introspect=False).Pair(
+        dbus_interface=DEVICE, timeout=60, reply_handler=lambda: done('ok'),
+        error_handler=lambda e: done([e.get_dbus_name(), e.get_dbus_message()]))
+    GLib.timeout_add_seconds(70, loop.quit)
+    loop.run()
+    conn.call_blocking('org.bluez', '/org/bluez', MANAGER, 'UnregisterAgent', 'o', [PROBE_AGENT])
+    agent.remove_from_connection()
+    return dict(outcome, asked=agent.asked)
 
 
 def device_path(adapter, address):
@@ -257,6 +320,9 @@ def main():
     kelvane('forget', '-f', peer)
     kelvane('forget-again', '-f', peer)
     kelvane('pair-absent', '-p', ABSENT)
+    # That discovery found the peer again, unpaired: let an agent refuse it.
+    if dev in objects_view(bus()).get('objects', {}):
+        RESULTS['notes']['pair_refused'] = pair_refused(bus(), dev)
     daemon.stop()
     kelvane('list-daemon-stopped', '-l')
     shutil.rmtree(BACKUP)

@@ -216,6 +216,8 @@ def simulated(vm):
         answers['objects'] = guest.objects_view(conn)
         answers['idle'] = guest.probe(conn, guest.PROBES_IDLE, dev)  # a discovery among them
         answers['after_discovery'] = guest.objects_view(conn)
+        sim.set_props(dev, paired=False)
+        answers['pair_refused'] = guest.pair_refused(conn, dev)
         conn.close()
     return answers
 
@@ -228,6 +230,10 @@ PROBES = [(stage, probe[0]) for stage in ('paired', 'idle')
 def test_simulator_answers_like_bluetoothd(vm, simulated, stage, label):
     assert [a['reply'] for a in simulated[stage] if a['label'] == label] == [
         a['reply'] for a in vm.results['probes'][stage] if a['label'] == label]
+
+
+def test_simulator_fails_a_refused_pairing_like_bluetoothd(vm, simulated):
+    assert simulated['pair_refused'] == vm.notes['pair_refused']
 
 
 def test_simulator_objects_carry_bluetoothds_property_types(vm, simulated):
