@@ -51,7 +51,7 @@ def _no_object_manager(sim):
     sim.object_managers()
 
 
-@world('absent', with_sim=False)
+@world('absent', '-v', '-e', with_sim=False)
 def _absent(_):
     pass
 
@@ -129,6 +129,10 @@ def test_adapters_and_values_as_reported(scanned):
     assert [c.method for c in sim.calls(path='/org/bluez/hci3') if c.method != 'GetAll'] == [
         'SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery']
     assert sim.calls(path='/org/bluez/hci16') == []
+    # Nobody owns org.bluez: an answer that cannot change ends the chain at once.
+    run, _ = scanned['absent']
+    assert [line for line in run.stderr.splitlines() if line.startswith('dbus')] == gmo(
+        outcome='error: ' + NO_OWNER)
 
 
 def gmo(path='/', outcome='ok'):

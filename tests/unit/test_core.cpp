@@ -1,4 +1,5 @@
 #include "core/trace.h"
+#include "core/utf8.h"
 #include "testing.h"
 
 #include <QtTest>
@@ -41,6 +42,16 @@ private slots:
         const QByteArray written = captureStream(stderr, write);
         DbusTrace::setEnabled(false);
         QCOMPARE(written, line);
+    }
+
+    // Every leading byte order mark is kept, and so is what follows a NUL.
+    void utf8KeepsEveryByte() {
+        static const char raw[] = "\xEF\xBB\xBF\xEF\xBB\xBFname\0tail";
+        const QByteArray bytes(raw, sizeof raw - 1);
+        const QString text = kelvane::core::fromUtf8(bytes);
+        QCOMPARE(text, QString(2, QChar(0xFEFF)) + QStringLiteral("name") + QChar(0) +
+                           QStringLiteral("tail"));
+        QCOMPARE(QByteArray::fromStdString(kelvane::core::toUtf8(text)), bytes);
     }
 };
 

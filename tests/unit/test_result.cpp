@@ -62,7 +62,9 @@ private slots:
         a.discovering = true;
         ResultDocument document;
         document.setAdapters({a});
-        document.mergeDevices({d, DeviceInfo()});
+        DeviceInfo hidByService; // nothing else known: the service alone makes it HID
+        hidByService.uuids = {"00001812-0000-1000-8000-00805f9b34fb"};
+        document.mergeDevices({d, hidByService});
         document.setStatus(ResultStatus::Partial);
         document.setError("adapter 1: failed");
         QCOMPARE(
@@ -80,8 +82,9 @@ private slots:
                 R"("0000110b-0000-1000-8000-00805f9b34fb"]},)"
                 R"({"address":"","alias":"","appearance":null,"appearance_description":null,)"
                 R"("class":null,"class_of_device":null,"connected":false,"icon":"",)"
-                R"("icon-name":"device","is_hid":false,"label":"[unknown]","name":"","paired":false,)"
-                R"("path":"","rssi":null,"trusted":false,"uuids":[]}],)"
+                R"("icon-name":"device","is_hid":true,"label":"[unknown]","name":"","paired":false,)"
+                R"("path":"","rssi":null,"trusted":false,)"
+                R"("uuids":["00001812-0000-1000-8000-00805f9b34fb"]}],)"
                 R"("error":"adapter 1: failed","result":"ok"})"));
     }
 
