@@ -109,7 +109,7 @@ private slots:
     // on one line. The widest numbers are plain integers; an appearance without
     // a name is described as "", not null.
     void textAndNumbers() {
-        const QByteArray text = "Caf\xc3\xa9 \xe2\x98\x95 \xf0\x9f\x8e\xa7";
+        const QByteArray text = "Caf\xc3\xa9 \xe2\x98\x95 \xe2\x80\xa8 \xf0\x9f\x8e\xa7";
         DeviceInfo d;
         d.name = (text + " \"\\/ a\x01\x1f\n\r\t\b\f\x7f z").toStdString();
         d.classOfDevice = 4294967295u;

@@ -3,6 +3,7 @@
 #include "storage/forgetstored.h"
 #include "storage/infofile.h"
 #include "storage/lock.h"
+#include "storage/replacetree.h"
 #include "storage/storelisting.h"
 #include "storage/tree.h"
 #include "storage/trustedpath.h"
@@ -290,6 +291,47 @@ private slots:
         QVERIFY(QFile::link(at("elsewhere"), at("link")));
         QVERIFY(!lockStore(at("link"), std::chrono::milliseconds(0)));
         QVERIFY(!QFileInfo::exists(at("elsewhere")));
+        QVERIFY(::link(name(at("lock")), name(at("hard"))) == 0);
+        QVERIFY(!lockStore(at("hard"), std::chrono::milliseconds(0)));
+    }
+
+    // What a killed run left: before the point of no return the old tree
+    // stays, after it the new one is completed; nothing of the work is left.
+    void recover_data() {
+        QTest::addColumn<QStringList>("left");
+        QTest::addColumn<QStringList>("expected");
+        const QStringList old{".hidden=h", "A", "A/info=old", "B", "B/info=old"};
+        const QStringList fresh{".hidden=h", "A", "A/info=new", "C", "C/info=new"};
+        const QStringList ready{"tree/.kelvane-ready/A/info=new", "tree/.kelvane-ready/C/info=new"};
+        QTest::newRow("staging beside") << QStringList{".tree.kelvane-staging/A/info=half"} << old;
+        QTest::newRow("staging inside") << QStringList{"tree/.kelvane-staging/A/info=half"} << old;
+        QTest::newRow("ready, nothing moved") << ready << fresh;
+        QTest::newRow("old half aside")
+            << ready +
+                   QStringList{"tree/.kelvane-retiring/", "move tree/B tree/.kelvane-retiring/B"}
+            << fresh;
+        QTest::newRow("new half in")
+            << QStringList{"tree/.kelvane-ready/C/info=new", "tree/.kelvane-retired/",
+                           "move tree/A tree/.kelvane-retired/A",
+                           "move tree/B tree/.kelvane-retired/B", "tree/A/info=new"}
+            << fresh;
+        QTest::newRow("only the old left to delete")
+            << QStringList{"tree/.kelvane-retired/A/info=old"} << old;
+    }
+    void recover() {
+        QFETCH(QStringList, left);
+        QFETCH(QStringList, expected);
+        plant(m_tmp->path(), {"tree/.hidden=h", "tree/A/info=old", "tree/B/info=old"});
+        for (const QString &entry : left) {
+            if (entry.startsWith("move "))
+                QVERIFY(QDir().rename(at(entry.section(' ', 1, 1)), at(entry.section(' ', 2))));
+            else
+                plant(m_tmp->path(), {entry.endsWith('/') ? entry.chopped(1) : entry});
+        }
+        const Fd parent = open(".");
+        recoverTree({parent.get(), m_tmp->path(), "tree"});
+        QCOMPARE(tree(at("tree")), expected);
+        QCOMPARE(tree(m_tmp->path()).filter("kelvane"), QStringList());
     }
 
     // Whatever sits at the name is replaced, never opened or followed, and
