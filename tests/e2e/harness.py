@@ -46,8 +46,26 @@ def _own_mounts(binds=(), read_only=()):
 
 
 def enter_private_namespace():
+    # A checkout or build that lives in /tmp stays where it was (pytest has
+    # imported from there), bound back from the old /tmp; the build is also
+    # bound at /mnt/kelvane-build, where the runs, which get a /tmp of their
+    # own, still find the binary.
     _own_mounts()
+    top = Path(__file__).resolve().parents[2]
+    binary = Path(os.environ.get('KELVANE_BIN') or '/').resolve()
+    build = next((p for p in binary.parents if (p / 'CMakeCache.txt').exists()), binary.parent)
+    kept = [p for p in (top, build) if p.is_relative_to('/tmp') and p != Path('/tmp')]
+    old_tmp = os.open('/tmp', os.O_PATH | os.O_DIRECTORY)
     _mount('kelvane-e2e', '/tmp', 'tmpfs', data='mode=1777')
+    for path in kept:
+        path.mkdir(parents=True, exist_ok=True)
+        _mount('/proc/self/fd/%d/%s' % (old_tmp, path.relative_to('/tmp')), path, flags=MS_BIND)
+    if build in kept:
+        _mount('kelvane-e2e-build', '/mnt', 'tmpfs', data='mode=755')
+        os.mkdir('/mnt/kelvane-build')
+        _mount(str(build), '/mnt/kelvane-build', flags=MS_BIND)
+        os.environ['KELVANE_BIN'] = str('/mnt/kelvane-build' / binary.relative_to(build))
+    os.close(old_tmp)
 
 
 # Trees are described, and snapshots read back, as {relative path: entry};
