@@ -19,14 +19,9 @@
 int main(int argc, char **argv) {
     QCoreApplication application(argc, argv);
     QDBusConnection bus = QDBusConnection::systemBus();
-    if (!bus.isConnected()) {
-        std::fprintf(stderr, "no system bus\n");
-        return 2;
-    }
-    floors::registerTypes();
     ManagedObjects objects;
-    if (!floors::managedObjects(bus, objects))
-        return 3;
+    if (const int status = floors::firstListing(bus, objects))
+        return status;
     QString adapter;
     for (auto it = objects.cbegin(); it != objects.cend() && adapter.isEmpty(); ++it)
         if (it->contains(floors::adapterInterface))

@@ -57,6 +57,17 @@ inline bool managedObjects(QDBusConnection &bus, ManagedObjects &objects) {
     return true;
 }
 
+// The start every client floor shares: the system bus and one listing at "/".
+// 0, or the exit status to give up with (2 no bus, 3 no listing).
+inline int firstListing(QDBusConnection &bus, ManagedObjects &objects) {
+    if (!bus.isConnected()) {
+        std::fprintf(stderr, "no system bus\n");
+        return 2;
+    }
+    registerTypes();
+    return managedObjects(bus, objects) ? 0 : 3;
+}
+
 inline QJsonValue optionalNumber(const QVariantMap &properties, const QString &name) {
     const auto it = properties.constFind(name);
     return it == properties.cend() ? QJsonValue() : QJsonValue(it->toLongLong());
