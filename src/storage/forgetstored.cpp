@@ -1,5 +1,6 @@
 #include "storage/forgetstored.h"
 
+#include "bluez/address.h"
 #include "storage/fd.h"
 #include "storage/storelisting.h"
 #include "storage/tree.h"
@@ -35,7 +36,6 @@ bool isDirectoryAt(int dirFd, const std::string &name) {
 } // namespace
 
 bool forgetStoredDevice(const QString &address, StoredDevice *removed, const QString &root) {
-    const QString target = address.trimmed().toUpper().replace(QLatin1Char('-'), QLatin1Char(':'));
     const Fd store(::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!store.valid())
         return false;
@@ -48,16 +48,18 @@ bool forgetStoredDevice(const QString &address, StoredDevice *removed, const QSt
             ::openat(store.get(), adapterName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!adapter.valid() || !onlyOurs(adapter.get()))
             continue;
-        const QString adapterPath = childPath(root, adapterName);
         for (const std::string &deviceName : entryNames(adapter.get())) {
             const QString deviceAddress = unescapeStoreName(decoded(deviceName));
-            if (isHidden(deviceName) || deviceAddress.toUpper() != target ||
+            if (isHidden(deviceName) || !bluez::sameAddress(deviceAddress, address) ||
                 !isDirectoryAt(adapter.get(), deviceName))
                 continue;
             StoredDevice device;
             device.adapter = unescapeStoreName(decoded(adapterName));
             device.address = deviceAddress;
-            parseInfoFile(childPath(adapterPath, deviceName) + QStringLiteral("/info"), device);
+            const Fd deviceDir(
+                ::openat(adapter.get(), deviceName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            if (deviceDir.valid())
+                parseInfoAt(deviceDir.get(), device);
             // A device directory that is a link loses the link, not its target.
             if (!removeTreeAt(adapter.get(), deviceName))
                 continue;

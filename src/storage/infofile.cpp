@@ -1,8 +1,12 @@
 #include "storage/infofile.h"
 
 #include "core/utf8.h"
+#include "storage/fd.h"
 
 #include <QFile>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace kelvane::storage {
 
@@ -108,9 +112,13 @@ void parseInfoText(const QByteArray &text, StoredDevice &device) {
     }
 }
 
-bool parseInfoFile(const QString &path, StoredDevice &device) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+bool parseInfoAt(int deviceFd, StoredDevice &device) {
+    // Opened without waiting, should something else than a file sit there.
+    const Fd info(::openat(deviceFd, "info", O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st {};
+    QFile file;
+    if (!info.valid() || ::fstat(info.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        !file.open(info.get(), QIODevice::ReadOnly))
         return false;
     parseInfoText(file.readAll(), device);
     return true;

@@ -27,9 +27,11 @@ struct StoredDevice {
     std::optional<quint16> version;
 };
 
-// Fills the fields the info file at path mentions; the others keep the
-// caller's values. False (record untouched) when the file cannot be opened.
-bool parseInfoFile(const QString &path, StoredDevice &device);
+// Fills the fields the "info" file of the device directory mentions; the
+// others keep the caller's values. False (record untouched) when there is no
+// regular file to read: an adapter also keeps e.g. "cache", and having no
+// info file is what tells those apart.
+bool parseInfoAt(int deviceFd, StoredDevice &device);
 
 // The same for the content of an info file.
 void parseInfoText(const QByteArray &text, StoredDevice &device);

@@ -30,21 +30,6 @@ template <typename Visit> void forEachSubdirectory(int dirFd, Visit visit) {
     }
 }
 
-// The device's info file, when it is one: an adapter also keeps e.g. "cache",
-// and having no info file is what tells those apart. Opened without waiting,
-// should something else than a file sit there.
-bool readInfo(int deviceFd, QByteArray &content) {
-    const Fd info(::openat(deviceFd, "info", O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat st {};
-    if (!info.valid() || ::fstat(info.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return false;
-    QFile file;
-    if (!file.open(info.get(), QIODevice::ReadOnly))
-        return false;
-    content = file.readAll();
-    return true;
-}
-
 // By label, then address, as QString orders them; the labels worked out once.
 void sortByLabel(std::vector<StoredDevice> &devices) {
     std::vector<std::pair<QString, size_t>> keys;
@@ -78,14 +63,11 @@ std::vector<StoredDevice> listStoredDevices(const QString &root) {
     forEachSubdirectory(store.get(), [&](const std::string &adapterName, int adapterFd) {
         const QString adapter = storeName(adapterName);
         forEachSubdirectory(adapterFd, [&](const std::string &deviceName, int deviceFd) {
-            QByteArray info;
-            if (!readInfo(deviceFd, info))
-                return;
             StoredDevice device;
             device.adapter = adapter;
             device.address = storeName(deviceName);
-            parseInfoText(info, device);
-            devices.push_back(std::move(device));
+            if (parseInfoAt(deviceFd, device))
+                devices.push_back(std::move(device));
         });
     });
     sortByLabel(devices);

@@ -154,10 +154,11 @@ private slots:
         file.close();
         StoredDevice device;
         device.adapter = "A";
-        QVERIFY(ks::parseInfoFile(at("info"), device));
+        QVERIFY(ks::parseInfoAt(open(".").get(), device));
         QCOMPARE(describe(device).toUtf8(), expected);
         QCOMPARE(device.adapter, QString("A"));
-        QVERIFY(!ks::parseInfoFile(at("missing"), device));
+        QVERIFY(QDir(at(".")).mkdir("empty"));
+        QVERIFY(!ks::parseInfoAt(open("empty").get(), device));
     }
 
     void listStoredDevices() {
