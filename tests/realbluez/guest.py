@@ -9,7 +9,8 @@
 #
 # Exit status: 0 when every step ran, STARTUP_FAILURE when bluetoothd did not
 # get both controllers (a known, rare fault of controller creation under
-# emulation; the host boots once more), 1 on anything else.
+# emulation; the host boots once more), 1 on anything else (an exception
+# leaves no status in the results' notes).
 
 import json
 import os
@@ -17,7 +18,6 @@ import shutil
 import subprocess
 import sys
 import time
-import traceback
 from pathlib import Path
 
 import dbus
@@ -160,11 +160,8 @@ def main():
 
 
 if __name__ == '__main__':
-    try:
-        status = main()
-    except Exception:  # pylint: disable=broad-except
-        traceback.print_exc()
-        status = 1
-    RESULTS['notes']['status'] = status
-    save()
-    sys.exit(status)
+    try:  # on an exception, Python prints its traceback and exits with 1
+        RESULTS['notes']['status'] = main()
+    finally:
+        save()
+    sys.exit(RESULTS['notes']['status'])

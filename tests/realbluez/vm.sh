@@ -27,30 +27,26 @@ for need in "$kernel_dir/vmlinuz" /bin/busybox /usr/bin/btvirt /usr/libexec/blue
         exit 69
     fi
 done
-version=$(ls "$kernel_dir/lib/modules")
-
-build_initramfs() {
-    tree=$work/initramfs
-    rm -rf "$tree"
-    mkdir -p "$tree/bin" "$tree/lib/modules" "$tree/proc" "$tree/sys" "$tree/dev" "$tree/newroot"
-    cp /bin/busybox "$tree/bin/busybox"
-    # What 9p over virtio needs, each module after those it depends on.
-    modprobe -d "$kernel_dir" -S "$version" -a --show-depends virtio_pci 9pnet_virtio 9p |
-        awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while read -r file; do
-            cp "$file" "$tree/lib/modules/"
-            basename "$file" >> "$tree/lib/modules/order"
-        done
-    cp "$here/init" "$tree/init"
-    chmod 755 "$tree/init"
-    (cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
-}
-
 mkdir -p "$work/share"
 # The guest shares the recording of bluetoothd's answers with the simulator's tests.
 cp "$here/guest.py" "$here/../sim/bluetoothd.py" "$here/../sim/bluetoothd-5.66.json" "$work/share/"
 cp "$binary" "$work/share/kelvane"
 echo "$guest_timeout" > "$work/share/guest-timeout"
-build_initramfs
+
+# The initramfs: busybox, init, and what 9p over virtio needs, each module
+# after those it depends on (init inserts them in that order).
+tree=$work/initramfs
+rm -rf "$tree"
+mkdir -p "$tree/bin" "$tree/lib/modules" "$tree/proc" "$tree/sys" "$tree/dev" "$tree/newroot"
+cp /bin/busybox "$tree/bin/busybox"
+cp "$here/init" "$tree/init"
+chmod 755 "$tree/init"
+modprobe -d "$kernel_dir" -S "$(ls "$kernel_dir/lib/modules")" -a --show-depends virtio_pci 9pnet_virtio 9p |
+    awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while read -r file; do
+        cp "$file" "$tree/lib/modules/"
+        basename "$file" >> "$tree/lib/modules/order"
+    done
+(cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
 
 ro=security_model=none,readonly=on
 status=0
