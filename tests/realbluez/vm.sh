@@ -21,45 +21,32 @@ guest_timeout=${KELVANE_VM_TIMEOUT:-240}
 # Nothing of an earlier boot may be mistaken for this one's results.
 rm -rf "$work/share"
 for need in "$kernel_dir/vmlinuz" /bin/busybox /usr/bin/btvirt /usr/libexec/bluetooth/bluetoothd \
-    "$(command -v qemu-system-x86_64)" "$(command -v cpio)" "$(command -v modinfo)"; do
+    "$(command -v qemu-system-x86_64)" "$(command -v cpio)" "$(command -v modprobe)"; do
     if [ ! -e "$need" ]; then
         echo "vm.sh: the VM lacks ${need:-a program}; run: sh scripts/install-deps.sh --realbluez" >&2
         exit 69
     fi
 done
-version=$(ls "$kernel_dir/lib/modules")
-
-build_initramfs() {
-    tree=$work/initramfs
-    rm -rf "$tree"
-    mkdir -p "$tree/bin" "$tree/lib/modules" "$tree/proc" "$tree/sys" "$tree/dev" "$tree/newroot"
-    cp /bin/busybox "$tree/bin/busybox"
-    loaded=""
-    for m in virtio_pci 9pnet_virtio 9p; do add_module "$m"; done
-    cp "$here/init" "$tree/init"
-    chmod 755 "$tree/init"
-    (cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
-}
-
-# Depth first, so that every module's dependencies are inserted before it.
-add_module() {
-    file=$(modinfo -b "$kernel_dir" -k "$version" -F filename "$1")
-    case $file in "(builtin)" | "") return ;; esac
-    for dep in $(modinfo -b "$kernel_dir" -k "$version" -F depends "$1" | tr , ' '); do
-        add_module "$dep"
-    done
-    case " $loaded " in *" $1 "*) return ;; esac
-    loaded="$loaded $1"
-    file=$(modinfo -b "$kernel_dir" -k "$version" -F filename "$1")
-    cp "$file" "$tree/lib/modules/"
-    basename "$file" >> "$tree/lib/modules/order"
-}
-
 mkdir -p "$work/share"
-cp "$here/guest.py" "$work/share/"
+# The guest shares the recording of bluetoothd's answers with the simulator's tests.
+cp "$here/guest.py" "$here/../sim/bluetoothd.py" "$here/../sim/bluetoothd-5.66.json" "$work/share/"
 cp "$binary" "$work/share/kelvane"
 echo "$guest_timeout" > "$work/share/guest-timeout"
-build_initramfs
+
+# The initramfs: busybox, init, and what 9p over virtio needs, each module
+# after those it depends on (init inserts them in that order).
+tree=$work/initramfs
+rm -rf "$tree"
+mkdir -p "$tree/bin" "$tree/lib/modules" "$tree/proc" "$tree/sys" "$tree/dev" "$tree/newroot"
+cp /bin/busybox "$tree/bin/busybox"
+cp "$here/init" "$tree/init"
+chmod 755 "$tree/init"
+modprobe -d "$kernel_dir" -S "$(ls "$kernel_dir/lib/modules")" -a --show-depends virtio_pci 9pnet_virtio 9p |
+    awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | while read -r file; do
+        cp "$file" "$tree/lib/modules/"
+        basename "$file" >> "$tree/lib/modules/order"
+    done
+(cd "$tree" && find . | cpio -o -H newc --quiet | gzip -1) > "$work/initrd.gz"
 
 ro=security_model=none,readonly=on
 status=0
