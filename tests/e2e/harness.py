@@ -281,7 +281,7 @@ def finish_all(processes, timeout=60, expect_json=True):
         assert run.seconds < timeout, 'kelvane did not finish within %ss\n%r' % (timeout, run)
         try:
             run.json = contract.validate_result(run.stdout_bytes) if expect_json else None
-        except AssertionError as error:
+        except (AssertionError, ValueError) as error:
             raise AssertionError('%s\n%r' % (error, run)) from None
     return runs
 
