@@ -129,53 +129,40 @@ private slots:
         QCOMPARE(json, back.toJson(QJsonDocument::Compact));
     }
 
-    void mergeDevices_data() {
-        QTest::addColumn<QString>("existing");
-        QTest::addColumn<QString>("incoming");
-        QTest::addColumn<QString>("expected");
-        const auto row = [](const char *name, const char *existing, const char *incoming,
-                            const char *expected) {
-            QTest::newRow(name) << QString(existing) << QString(incoming) << QString(expected);
+    // merge: devices merged into a document holding others ("existing>incoming");
+    // before: whether the first device sorts before the second ("a>b").
+    void rules_data() {
+        ruleColumns();
+        rule("merge", "X//old>X/-70/", "X/-70/");            // an RSSI over none replaces whole
+        rule("merge", "X/-70/old>X/-70/new", "X/-70/old");   // equal keeps
+        rule("merge", "X/-70/old>X/-69/new", "X/-69/new");   // stronger replaces
+        rule("merge", "X/-70/old|Y//old>X//new|Y//new", "X/-70/old|Y//old"); // none never does
+        rule("merge", "aa:bb//a>AA:BB//b|AA:BB //c", "AA:BB//b|AA:BB //c|aa:bb//a"); // exact
+        rule("merge", ">X//a|X/-50/b|X/-60/c", "X/-50/b"); // duplicates in one batch
+        rule("before", "Z/-40>A/-90", "1");    // stronger first
+        rule("before", "A/-32768>B/32767", "0");
+        rule("before", "A/-50>B/-50", "0");
+        rule("before", "Z/-90>A/", "1");       // an RSSI before none
+        rule("before", "A/>Z/-90", "0");
+        rule("before", "A/>A/", "0");
+        rule("before", "AB/>ABC/", "1");       // then by address, a prefix first
+        rule("before", "z/>\xc3\xa9/", "1"); // in unsigned bytes
+    }
+    void rules() {
+        const auto pair = [](const QString &text) {
+            return std::make_pair(decode(text.section('>', 0, 0)), decode(text.section('>', 1)));
         };
-        row("rssi over none replaces whole", "X//old", "X/-70/", "X/-70/");
-        row("equal keeps", "X/-70/old", "X/-70/new", "X/-70/old");
-        row("stronger replaces", "X/-70/old", "X/-69/new", "X/-69/new");
-        row("absent never replaces", "X/-70/old|Y//old", "X//new|Y//new", "X/-70/old|Y//old");
-        row("exact address equality", "aa:bb//a", "AA:BB//b|AA:BB //c",
-            "AA:BB//b|AA:BB //c|aa:bb//a");
-        row("duplicates in one batch", "", "X//a|X/-50/b|X/-60/c", "X/-50/b");
-    }
-    void mergeDevices() {
-        QFETCH(QString, existing);
-        QFETCH(QString, incoming);
-        QFETCH(QString, expected);
-        ResultDocument document;
-        document.mergeDevices(decode(existing));
-        document.mergeDevices(decode(incoming));
-        QCOMPARE(encode(document.devices()), expected);
-    }
-
-    void sortsBefore_data() {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<bool>("before");
-        const auto row = [](const char *name, const QString &a, const QString &b, bool before) {
-            QTest::newRow(name) << a << b << before;
-        };
-        row("stronger first", "Z/-40", "A/-90", true);
-        row("full int16 range", "A/-32768", "B/32767", false);
-        row("equal rssi", "A/-50", "B/-50", false);
-        row("rssi before none", "Z/-90", "A/", true);
-        row("none after rssi", "A/", "Z/-90", false);
-        row("same address", "A/", "A/", false);
-        row("prefix first", "AB/", "ABC/", true);
-        row("unsigned bytes", "z/", QString::fromUtf8("\xc3\xa9/"), true);
-    }
-    void sortsBefore() {
-        QFETCH(QString, a);
-        QFETCH(QString, b);
-        QFETCH(bool, before);
-        QCOMPARE(deviceSortsBefore(decode(a).at(0), decode(b).at(0)), before);
+        checkRule({{"merge",
+                    [&](const QString &argument) {
+                        ResultDocument document;
+                        document.mergeDevices(pair(argument).first);
+                        document.mergeDevices(pair(argument).second);
+                        return encode(document.devices());
+                    }},
+                   {"before", [&](const QString &argument) {
+                        const auto [a, b] = pair(argument);
+                        return QString::number(deviceSortsBefore(a.at(0), b.at(0)));
+                    }}});
     }
 };
 
