@@ -258,6 +258,18 @@ def test_a_killed_copy_leaves_one_complete_version(binary, args, options):
     assert {p['after'] for p in points} == {'old', 'new'} and any(p['left'] for p in points)
 
 
+def test_the_next_run_settles_what_killed_runs_left(binary):
+    # A restore killed past its point of no return (the new entries complete in
+    # .kelvane-ready) and saves killed while copying: the next run that takes
+    # the lock completes the one and clears the others before its own work.
+    old, new = devices(3, 'old'), devices(3, 'new')
+    box = harness.Box(tmp={**with_backup(old), 'config/files/.var_bluetooth.kelvane-staging/x': 'half'},
+                      store={**old, **{'.kelvane-ready/' + p: e for p, e in new.items()}})
+    box.plant(box.var_lib, {'.bluetooth.kelvane-staging/x': 'half'}, 0o755)
+    run = harness.finish(harness.start(['-f', '00:00:00:00:00:01'], binary=binary, box=box))
+    assert (run.json['error'], run.store, leftovers(box)) == (
+        'device not found', harness.expected(new), []), run
+
 def test_a_full_disk_leaves_the_old_version(run_kelvane, sim):
     paired_device(sim)
     small, big = devices(40, 'old'), devices(300, 'new')

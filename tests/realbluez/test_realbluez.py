@@ -9,18 +9,16 @@ import json
 import os
 import re
 import subprocess
-import sys
 import tempfile
 import warnings
 from pathlib import Path
 
 import pytest
 
-HERE = Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent / 'e2e'), str(HERE.parent / 'sim')]
+import bluetoothd
+import contract
 
-import bluetoothd  # noqa: E402
-import contract  # noqa: E402
+HERE = Path(__file__).resolve().parent
 
 GUEST_TIMEOUT = 240  # seconds; the VM gets a minute more to boot and power off
 STARTUP_FAILURE = 75  # guest.py: bluetoothd got only one controller
