@@ -2,7 +2,7 @@
 # live daemon, the restore (-r) replaces it with the backup, and forgetting
 # (-f) goes through BlueZ or, failing that, through the store, then saves the
 # backup. Reading info files, copying trees and deleting devices are unit
-# tables; the planted and raced paths are test_safety's.
+# tables; the planted paths are test_safety's.
 
 import pytest
 
