@@ -1,6 +1,6 @@
-"""What ships beside the binary, held against the real tool: every example of
-README and manual page, the options they document, the bash completion and
-the install layout."""
+# What ships beside the binary, held against the real tool: every example of
+# README and manual page, the options they document, the bash completion and
+# the install layout.
 
 import contextlib
 import json
@@ -21,27 +21,6 @@ COMPLETION = TOP / 'completion' / 'kelvane'
 KELVANE_BIN = os.environ.get('KELVANE_BIN')
 
 needs_binary = pytest.mark.skipif(not KELVANE_BIN, reason='KELVANE_BIN is set by CTest')
-
-
-def usage_options():
-    """Option texts of the usage's option lines, e.g. '-f MAC'."""
-    usage = subprocess.run([KELVANE_BIN, '-h'], capture_output=True, text=True, timeout=30,
-                           check=True).stdout
-    options = re.findall(r'^  (-\S+(?: [A-Z]+)?)\s{2,}\S', usage, re.M)
-    assert len(options) >= 7, usage
-    return options
-
-
-@needs_binary
-def test_man_page_and_readme_document_every_usage_option():
-    # Rendered as plain ASCII, no warnings allowed; option tags sit at the first indent.
-    rendered = subprocess.run(['groff', '-man', '-ww', '-Tascii', '-P-cbou', '-rLL=120n',
-                               str(MAN_PAGE)], capture_output=True, text=True, check=True)
-    readme = README.read_text(encoding='utf-8')
-    assert rendered.stderr == '' and [o for o in usage_options() if not re.search(
-        r'^ {7}%s(?:$|[\s,])' % re.escape(o), rendered.stdout, re.M)] == []
-    assert [o for o in usage_options() if '`%s`' % o not in readme
-            and 'kelvane ' + o not in readme] == []
 
 
 # Every example is a block of prompts ("$ " or "# "), each with its output,
@@ -65,8 +44,8 @@ BLOCK = re.compile(r'^(?:<!-- |\.\\" )example world: (.+?)(?: -->)?\n.*?^(?:```|
 TIMESTAMP = re.compile(r'"timestamp":\d+')
 
 
+# [(world, [command, output, command, output, ...])] in the document's order.
 def example_blocks(path):
-    """[(world, [command, output, command, output, ...])] in the document's order."""
     text = path.read_text(encoding='utf-8')
     if path.suffix == '.1':
         for escaped, plain in (('\\-', '-'), ('\\(aq', "'"), ('\\e', '\\')):
@@ -75,8 +54,8 @@ def example_blocks(path):
             for world, body in BLOCK.findall(text)]
 
 
+# The outputs of a block's commands, run as one shell session.
 def play(session, bus_address, store):
-    """The outputs of a block's commands, run as one shell session."""
     script = 'export PATH=%s:$PATH\ncd /tmp\n' % Path(KELVANE_BIN).resolve().parent + ''.join(
         '%s\necho @@@\n' % command for command in session[::2])
     run = harness.run_kelvane(['-c', script], binary='/bin/sh', argv0='sh',
@@ -115,9 +94,9 @@ def test_examples_are_what_the_tool_prints(document, tmp_path):
     assert mismatches == [], mismatches
 
 
+# A store like BlueZ's: adapter dirs holding device dirs, a cache dir and settings.
 @pytest.fixture
 def store(tmp_path):
-    """A store like BlueZ's: adapter dirs holding device dirs, a cache dir and settings."""
     root = tmp_path / 'bluetooth'
     for adapter, devices in {
         '00:1A:7D:DA:71:13': ['00:1B:66:A1:2C:3D', 'F4:5E:AB:10:22:9C', 'cache'],
@@ -130,8 +109,8 @@ def store(tmp_path):
     return root
 
 
+# COMPREPLY of the registered completion for `kelvane WORDS`, the last word being typed.
 def complete(words, store_root, wordbreaks=None):
-    """COMPREPLY of the registered completion for `kelvane WORDS`, the last word being typed."""
     script = ('source "$1"; shift; complete -p kelvane >&2\n'
               + ('COMP_WORDBREAKS=%r\n' % wordbreaks if wordbreaks else '')
               + 'COMP_CWORD=$(($# - 1)); COMP_WORDS=("$@")\n'
@@ -166,15 +145,25 @@ def test_completion_candidates(store, words, where, wordbreaks, expected):
 
 
 @needs_binary
-def test_completion_follows_the_usage_options(store):
-    # An option that takes a MAC is followed by the stored addresses; -v
-    # leaves the operation open; after any other operation only -v fits.
-    everything = sorted([option.split()[0] for option in usage_options()] + ['--help'])
-    assert complete([''], store) == everything
-    for option in usage_options():
+def test_every_usage_option_is_documented_and_completed(store):
+    # Each option of the usage is a tag of the manual page (rendered without a
+    # warning), named in the README and completed: after an option that takes
+    # a MAC come the stored addresses, -v leaves the operation open, after any
+    # other operation only -v fits.
+    usage = subprocess.run([KELVANE_BIN, '-h'], capture_output=True, text=True, timeout=30,
+                           check=True).stdout
+    options = re.findall(r'^  (-\S+(?: [A-Z]+)?)\s{2,}\S', usage, re.M)
+    rendered = subprocess.run(['groff', '-man', '-ww', '-Tascii', '-P-cbou', '-rLL=120n',
+                               str(MAN_PAGE)], capture_output=True, text=True, check=True)
+    readme, everything = README.read_text(encoding='utf-8'), sorted(
+        [option.split()[0] for option in options] + ['--help'])
+    assert len(options) >= 7 and rendered.stderr == '' and complete([''], store) == everything
+    for option in options:
         flag = option.split()[0]
-        expected = STORED if option.endswith(' MAC') else everything if flag == '-v' else ['-v']
-        assert complete([flag, ''], store) == expected, option
+        assert re.search(r'^ {7}%s(?:$|[\s,])' % re.escape(option), rendered.stdout, re.M), option
+        assert '`%s`' % option in readme or 'kelvane ' + option in readme, option
+        assert complete([flag, ''], store) == (STORED if option.endswith(' MAC') else everything
+                                               if flag == '-v' else ['-v']), option
 
 
 @needs_binary
