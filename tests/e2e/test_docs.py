@@ -18,9 +18,6 @@ from kelvane_sim.client import PrivateBus, Sim
 TOP = Path(__file__).resolve().parents[2]
 MAN_PAGE, README = TOP / 'doc' / 'kelvane.1', TOP / 'README.md'
 COMPLETION = TOP / 'completion' / 'kelvane'
-KELVANE_BIN = os.environ.get('KELVANE_BIN')
-
-needs_binary = pytest.mark.skipif(not KELVANE_BIN, reason='KELVANE_BIN is set by CTest')
 
 
 # Every example is a block of prompts ("$ " or "# "), each with its output,
@@ -55,8 +52,8 @@ def example_blocks(path):
 
 
 # The outputs of a block's commands, run as one shell session.
-def play(session, bus_address, store):
-    script = 'export PATH=%s:$PATH\ncd /tmp\n' % Path(KELVANE_BIN).resolve().parent + ''.join(
+def play(session, binary, bus_address, store):
+    script = 'export PATH=%s:$PATH\ncd /tmp\n' % Path(binary).resolve().parent + ''.join(
         '%s\necho @@@\n' % command for command in session[::2])
     run = harness.run_kelvane(['-c', script], binary='/bin/sh', argv0='sh',
                               bus_address=bus_address, box=harness.Box(store_from=store),
@@ -64,9 +61,8 @@ def play(session, bus_address, store):
     return run.stdout.split('@@@\n')[:-1]
 
 
-@needs_binary
 @pytest.mark.parametrize('document', [README, MAN_PAGE], ids=['README', 'man page'])
-def test_examples_are_what_the_tool_prints(document, tmp_path):
+def test_examples_are_what_the_tool_prints(document, tmp_path, binary):
     store = tmp_path / 'store'
     store.mkdir(mode=0o700)
     with contextlib.ExitStack() as running:
@@ -80,7 +76,7 @@ def test_examples_are_what_the_tool_prints(document, tmp_path):
         worlds = {'demo': (bus(demo, store), store), 'demo, BlueZ stopped': (bus(), store),
                   **{name: (bus(scenario), None) for name, scenario in SCAN_WORLDS.items()}}
         blocks = example_blocks(document)
-        played = [(world, session[::2], play(session, *worlds[world]))
+        played = [(world, session[::2], play(session, binary, *worlds[world]))
                   for world, session in blocks]
     assert len(blocks) >= 5
     for line in ''.join(''.join(outputs) for _, _, outputs in played).splitlines():
@@ -144,13 +140,12 @@ def test_completion_candidates(store, words, where, wordbreaks, expected):
     assert complete(words, store.parent / where, wordbreaks) == expected
 
 
-@needs_binary
-def test_every_usage_option_is_documented_and_completed(store):
+def test_every_usage_option_is_documented_and_completed(store, binary):
     # Each option of the usage is a tag of the manual page (rendered without a
     # warning), named in the README and completed: after an option that takes
     # a MAC come the stored addresses, -v leaves the operation open, after any
     # other operation only -v fits.
-    usage = subprocess.run([KELVANE_BIN, '-h'], capture_output=True, text=True, timeout=30,
+    usage = subprocess.run([binary, '-h'], capture_output=True, text=True, timeout=30,
                            check=True).stdout
     options = re.findall(r'^  (-\S+(?: [A-Z]+)?)\s{2,}\S', usage, re.M)
     rendered = subprocess.run(['groff', '-man', '-ww', '-Tascii', '-P-cbou', '-rLL=120n',
@@ -166,9 +161,8 @@ def test_every_usage_option_is_documented_and_completed(store):
                                                if flag == '-v' else ['-v']), option
 
 
-@needs_binary
-def test_install_puts_everything_under_the_prefix(tmp_path):
-    build = next((p for p in Path(KELVANE_BIN).resolve().parents
+def test_install_puts_everything_under_the_prefix(tmp_path, binary):
+    build = next((p for p in Path(binary).resolve().parents
                   if (p / 'CMakeCache.txt').exists()), None) or pytest.skip('not a CMake build')
     prefix = tmp_path / 'prefix'
     subprocess.run(['cmake', '--install', str(build), '--prefix', str(prefix)],
