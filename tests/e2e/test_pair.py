@@ -31,10 +31,12 @@ DISCOVER = ['SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery']
 DONE = ['Get Trusted', 'Set Trusted', 'Get Connected', 'Connect', 'UnregisterAgent']
 
 
-def on_hci0(**device):
+def on_hci0(fault=None, **device):
     def build(sim):
         sim.add_adapter('hci0', pairable=device.pop('pairable', False))
         sim.add_device('hci0', MAC, **device)
+        if fault:
+            sim.fault(*fault)
     return build
 
 
@@ -58,11 +60,6 @@ def unknown_on_the_first_powered_adapter(sim):
     sim.add_adapter('hci1')
     sim.add_device('hci1', MAC, appear_after=3, pairing=[])
     sim.fault('RegisterAgent', 'org.bluez.Error.Failed', 'no agents today')
-
-
-def connect_refused(sim):
-    on_hci0(pairing=CONFIRM)(sim)
-    sim.fault('Connect', 'org.bluez.Error.Failed', 'br-connection-refused')
 
 
 def after_pair(sim, action):
@@ -99,8 +96,6 @@ def leaves_while_pairing(sim):
 PAIRINGS = {
     'confirm': (on_hci0(name='Keyboard', pairing=CONFIRM * 2), ['-v', '-p', MAC], '',
                 ['passkey', 'trusted', 'connected'], ['004711'], PAIR + DONE),
-    'legacy PIN entry': (on_hci0(pairing='pin-entry'), ['-p', MAC], 'Authentication Failed', [],
-                         [], PAIR + ['UnregisterAgent']),
     'not found': (lambda sim: sim.add_adapter('hci0'), ['-p', MAC], NOT_FOUND, [], [],
                   REGISTER + ['Set Pairable'] + DISCOVER + ['UnregisterAgent']),
     'already paired': (on_hci0(pairable=True, paired=True, trusted=True, connected=True),
@@ -111,7 +106,9 @@ PAIRINGS = {
     'page timeout twice': (page_timeout_twice, ['-p', MAC], PAGE_TIMEOUT_ADVICE, [], [],
                            PAIR + ['RemoveDevice'] + DISCOVER + ['Pair', 'RemoveDevice',
                                                                  'UnregisterAgent']),
-    'connect refused': (connect_refused, ['-p', MAC], 'br-connection-refused',
+    'connect refused': (on_hci0(pairing=CONFIRM, fault=('Connect', 'org.bluez.Error.Failed',
+                                                        'br-connection-refused')),
+                        ['-p', MAC], 'br-connection-refused',
                         ['passkey', 'trusted'], ['004711'], PAIR + DONE),
     'unknown, found by discovery': (unknown_on_the_first_powered_adapter, ['-p', MAC], '',
                                     ['trusted', 'connected'], [],
