@@ -122,8 +122,8 @@ private slots:
             "trusted=1");
         row("[General]\r\nName=Foo\r\nTrusted=yes\r\n", "name=Foo|trusted=1");
         // Other sections, a bracketed line.
-        row("[general]\nName=A\n[LinkKey]\nName=B\n[ "
-            "General]\nName=C\n[General]\n[Name=x]\nName=D\n",
+        row("[general]\nName=A\n[LinkKey]\nName=B\n[ General]\nName=C\n"
+            "[General]\n[Name=x]\nName=D\n",
             "");
         row("[General]\nClass=0X00240404\nAppearance=0x03c1\nAddressType=public\nTrusted=TRUE\n"
             "SupportedTechnologies=BR/EDR;LE;\nServices= a-1; b 2 ;; ;\nBlocked= yes\n"
@@ -250,8 +250,7 @@ private slots:
         QCOMPARE(inode("/A/one"), one);
         QCOMPARE(tree(backup.path()).filter(QRegularExpression("^(A/t|C)")),
                  QStringList({"A/two=3", "C", "C/four=4"}));
-        plant(backup.root,
-              {"chmod 0700 config/backup/keys", "chmod 0700 ../store/keys"}); // cleanup
+        plant(m_tmp->path(), {"chmod 0700 store/keys", "chmod 0700 tmp/config/backup/keys"});
     }
 
     // One run at a time; a second one waits its bound, then gives up. A link
