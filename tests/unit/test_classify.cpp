@@ -57,27 +57,15 @@ private slots:
                  .split('|'))
             row("minor", minor.section('=', 0, 0), minor.section('=', 1));
         row("icon", "", "device/");
-        for (const char *icon : {"0040=phone/",
-                                 "0080=computer/",
-                                 "00C1=watch/",
-                                 "0180=remote/",
-                                 "03BF=device/",
-                                 "03C0=device/Generic HID",
-                                 "03C1=keyboard/Generic Keyboard",
-                                 "03C2=mouse/Generic Mouse",
-                                 "03C3=joystick/Generic Joystick",
-                                 "03C4=gamepad/Generic Gamepad",
-                                 "03C5=device/",
-                                 "0680=printer/",
-                                 "0741=headphones/",
-                                 "0742=speaker/",
-                                 "0743=headset/",
-                                 "0744=headphones/",
-                                 "07C0=headphones/",
-                                 "07C2=headset/",
-                                 "0940=camera/",
-                                 "C3C1=keyboard/"})
-            row("icon", QString(icon).section('=', 0, 0), QString(icon).section('=', 1));
+        for (const QString &icon :
+             QString("0040=phone/|0080=computer/|00C1=watch/|0180=remote/|03BF=device/|"
+                     "03C0=device/Generic HID|03C1=keyboard/Generic Keyboard|"
+                     "03C2=mouse/Generic Mouse|03C3=joystick/Generic Joystick|"
+                     "03C4=gamepad/Generic Gamepad|03C5=device/|0680=printer/|0741=headphones/|"
+                     "0742=speaker/|0743=headset/|0744=headphones/|07C0=headphones/|"
+                     "07C2=headset/|0940=camera/|C3C1=keyboard/")
+                 .split('|'))
+            row("icon", icon.section('=', 0, 0), icon.section('=', 1));
         const QString sink = "0000110b-0000-1000-8000-00805f9b34fb";
         row("hid", ";;00001124-0000-1000-8000-00805f9b34fb", "1");
         row("hid", ";;abcd1124", "1"); // 32-bit group, no dashes
