@@ -33,8 +33,9 @@ ABSENT = '00:11:22:33:44:55'  # no btvirt controller has this address
 MODULES = ['hci_vhci', 'af_alg', 'algif_hash', 'algif_skcipher', 'ecb', 'cmac', 'ecdh_generic',
            'drbg', 'jitterentropy_rng', 'ansi_cprng', 'ctr', 'sha512_generic', 'sha3_generic']
 ADAPTER, PEER_PATH = 'org.bluez.Adapter1', '/org/bluez/hci1'
-RESULTS = {'steps': [], 'notes': {}, 'bluetoothd': {}}
+RESULTS = {'steps': {}, 'notes': {}, 'bluetoothd': {}}
 T0 = time.monotonic()
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)  # bluetoothd.call waits in the main loop
 
 
 def log(text):
@@ -46,23 +47,10 @@ def save():
     os.replace(SHARE + '/results.new', SHARE + '/results.json')
 
 
-def sh(*argv):
-    return subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=30,
-                          check=False).stdout.decode('utf-8', 'replace')
-
-
-def busctl(*args):  # its answer as JSON, or {'error': what it said}
-    done = subprocess.run(['busctl', '--system', '--json=short', *args], capture_output=True,
-                          text=True, timeout=30, check=False)
-    return {'error': done.stderr} if done.returncode else json.loads(done.stdout or 'null')
-
-
 def objects():  # bluetoothd's objects with their properties' values, or the error of asking
-    found = busctl('call', 'org.bluez', '/', 'org.freedesktop.DBus.ObjectManager',
-                   'GetManagedObjects')
-    return found if 'error' in found else {'objects': {path: {
-        name: {key: value['data'] for key, value in props.items()}
-        for name, props in interfaces.items()} for path, interfaces in found['data'][0].items()}}
+    found = bluetoothd.call(dbus.SystemBus(), '/', 'org.freedesktop.DBus.ObjectManager',
+                            'GetManagedObjects', '', [])
+    return {'error': found} if isinstance(found, list) else {'objects': found}
 
 
 def wait_for(condition, seconds):
@@ -92,11 +80,11 @@ def kelvane(name, *args):  # runs the tool once and records its outcome and the 
     run = subprocess.run([SHARE + '/kelvane', *args], capture_output=True, text=True,
                          timeout=120, check=False)
     events = Path('/tmp/kelvane-events.json')
-    step = {'name': name, 'args': list(args), 'status': run.returncode, 'stdout': run.stdout,
+    step = {'args': list(args), 'status': run.returncode, 'stdout': run.stdout,
             'seconds': time.monotonic() - started, 'stderr': run.stderr, 'store': tree(STORE),
             'backup': tree(BACKUP), 'events': events.exists() and events.read_text(),
             'bluez': objects()}
-    RESULTS['steps'].append(step)
+    RESULTS['steps'][name] = step
     save()
     log('%s: %s -> %s in %.1fs' % (name, ' '.join(args), run.returncode, step['seconds']))
     return step
@@ -104,9 +92,10 @@ def kelvane(name, *args):  # runs the tool once and records its outcome and the 
 
 def main():
     log('guest up, kernel ' + os.uname().release)
-    log(sh('modprobe', '-d', '/kernel', '-a', *MODULES) or 'modules loaded')
+    # What these print goes to the guest's log, as the guest's own output does.
+    subprocess.run(['modprobe', '-d', '/kernel', '-a', *MODULES], timeout=30, check=False)
     os.makedirs('/run/dbus', exist_ok=True)
-    log(sh('dbus-daemon', '--system', '--fork') or 'system bus up')
+    subprocess.run(['dbus-daemon', '--system', '--fork'], timeout=30, check=False)
     # One process for both controllers: only then do they hear each other.
     subprocess.Popen(['btvirt', '-l2'], stdout=open(SHARE + '/btvirt.log', 'w'),
                      stderr=subprocess.STDOUT)
@@ -114,22 +103,23 @@ def main():
         return 1
     daemon, both = start_bluetoothd(1)
     if not both:
-        log('bluetoothd has fewer than two controllers\n' + sh('dmesg'))
+        log('bluetoothd has fewer than two controllers')
+        subprocess.run(['dmesg'], timeout=30, check=False)
         return STARTUP_FAILURE
     live = objects()['objects']
     host, peer = (live[path][ADAPTER]['Address'] for path in (bluetoothd.HCI0, PEER_PATH))
-    RESULTS['notes'].update(host=host, peer=peer)
-    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
-    dev, conn = '%s/dev_%s' % (bluetoothd.HCI0, peer.replace(':', '_')), dbus.SystemBus()
-    answers = RESULTS['bluetoothd']
+    dev = '%s/dev_%s' % (bluetoothd.HCI0, peer.replace(':', '_'))
+    RESULTS['notes'].update(host=host, peer=peer, path=dev)
+    conn, answers = dbus.SystemBus(), RESULTS['bluetoothd']
 
     def ask(table):  # one table of the recording's calls
         answers[table] = bluetoothd.probe(conn, bluetoothd.recording()[table], dev)
     kelvane('scan-peer-hidden', '-e')
     # The peer visible for good, and pairable.
-    for setting in ('DiscoverableTimeout', 'u', '0'), ('Discoverable', 'b', 'true'), \
-            ('Pairable', 'b', 'true'):
-        assert busctl('set-property', 'org.bluez', PEER_PATH, ADAPTER, *setting) is None
+    for name, value in ('DiscoverableTimeout', dbus.UInt32(0)), ('Discoverable', True), \
+            ('Pairable', True):
+        assert bluetoothd.call(conn, PEER_PATH, bluetoothd.PROPS, 'Set', 'ssv',
+                               [ADAPTER, name, value]) == 'ok'
     kelvane('scan', '-e')
     answers['types'] = bluetoothd.property_types('unix:path=/run/dbus/system_bus_socket', dev)
     paired = kelvane('pair', '-v', '-p', peer.lower().replace(':', '-'))['store']

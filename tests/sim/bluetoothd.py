@@ -16,7 +16,6 @@ from gi.repository import GLib
 
 RECORDING = Path(__file__).with_name('bluetoothd-5.66.json')
 HCI0, DEVICE, PROPS = '/org/bluez/hci0', 'org.bluez.Device1', 'org.freedesktop.DBus.Properties'
-PROBE_AGENT = '/probe/agent'
 
 
 def recording():
@@ -30,7 +29,7 @@ def probe(conn, calls, device):
 
     def refuse(_conn, message):
         if not isinstance(message, dbus.lowlevel.MethodCallMessage) or \
-                message.get_path() != PROBE_AGENT:
+                message.get_path() != '/probe/agent':
             return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
         asked.append(message.get_member())
         conn.send_message(dbus.lowlevel.ErrorMessage(message, 'org.bluez.Error.Rejected',
@@ -50,13 +49,14 @@ def probe(conn, calls, device):
 
 
 def call(conn, path, interface, method, signature, args):
-    # Waits in the main loop, so that the daemon can call back this connection's agent.
+    # The reply's value, "ok" for an empty one, or [error name, message]. Waits in the main
+    # loop, so that the daemon can call back this connection's agent.
     loop, replies = GLib.MainLoop(), []
 
-    def done(reply):
-        replies.append(reply)
+    def done(*reply):
+        replies.append(reply[0] if reply else 'ok')
         loop.quit()
-    conn.call_async('org.bluez', path, interface, method, signature, args, lambda *_: done('ok'),
+    conn.call_async('org.bluez', path, interface, method, signature, args, done,
                     lambda e: done([e.get_dbus_name(), e.get_dbus_message()]), timeout=60)
     loop.run()
     return replies[0]

@@ -4,14 +4,10 @@
 # the simulator does not model (sim/README.md, "How far the simulator is from
 # bluetoothd").
 
-import copy
-
-import dbus.mainloop.glib
 import pytest
 
 import bluetoothd
 
-dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)  # the probe's agent is called back
 RECORDED = bluetoothd.recording()
 GENERAL = dict(line.split('=', 1) for line in RECORDED['store']['info']['General'])
 HOST, PEER = '00:AA:01:00:00:00', '00:AA:01:01:00:01'
@@ -26,25 +22,8 @@ NOT_SIMULATED = {'DeviceID', 'LocalSignatureKey', 'RemoteSignatureKey', 'Periphe
                  'SlaveLongTermKey'}
 
 
-def peer(world, **device):  # the host, the peer's controller, and the peer as hci0 knows it
-    return world({'adapters': [{'id': 'hci0', 'address': HOST}, {'id': 'hci1', 'address': PEER}],
-                  'devices': [dict(adapter='hci0', address=PEER, name=GENERAL['Name'],
-                                   uuids=GENERAL['Services'].split(';')[:-1], **device)]})
-
-
-def store(world):  # the pairing, the trust kelvane sets, the removal
-    w = peer(world, pairing='just-works')
-    w.pair(DEV)
-    w.call(DEV, bluetoothd.PROPS, 'Set', 'ssv', bluetoothd.DEVICE, 'Trusted', True)
-    paired = w.files()
-    w.call(bluetoothd.HCI0, 'org.bluez.Adapter1', 'RemoveDevice', 'o', DEV)
-    return {'info': bluetoothd.info_layout(paired['%s/%s/info' % (HOST, PEER)]),
-            'settings': paired[HOST + '/settings'],
-            'cache after removal': w.files()['%s/cache/%s' % (HOST, PEER)]}
-
-
 def simulated(part):  # the recording, less what the simulator does not model
-    expected = copy.deepcopy(RECORDED[part])
+    expected = bluetoothd.recording()[part]
     if part == 'types':  # the peer's Modalias comes from its Device ID
         del expected['device']['Modalias']
     if part == 'store':
@@ -54,12 +33,25 @@ def simulated(part):  # the recording, less what the simulator does not model
 
 
 def answers(world, part):
+    # The host, the peer's controller, and the peer as hci0 knows it: as the table of calls
+    # found it, else unpaired, pairing without an agent's question.
+    w = world({'adapters': [{'id': 'hci0', 'address': HOST}, {'id': 'hci1', 'address': PEER}],
+               'devices': [dict(adapter='hci0', address=PEER, name=GENERAL['Name'],
+                                uuids=GENERAL['Services'].split(';')[:-1],
+                                **CALLS.get(part, {'pairing': 'just-works'}))]})
     if part in CALLS:
-        return bluetoothd.probe(peer(world, **CALLS[part]).conn, RECORDED[part], DEV)
+        return bluetoothd.probe(w.sim.conn, RECORDED[part], DEV)
     if part == 'types':  # bluetoothd's were read once discovery had ended and RSSI was gone
         # (that the simulator drops RSSI then too is a row of test_sim.py)
-        return bluetoothd.property_types(peer(world).bus.address, DEV)
-    return store(world)
+        return bluetoothd.property_types(w.bus.address, DEV)
+    # The store: the pairing, the trust kelvane sets, the removal.
+    w.pair(DEV)
+    w.call(DEV, bluetoothd.PROPS, 'Set', 'ssv', bluetoothd.DEVICE, 'Trusted', True)
+    paired = w.files()
+    w.call(bluetoothd.HCI0, 'org.bluez.Adapter1', 'RemoveDevice', 'o', DEV)
+    return {'info': bluetoothd.info_layout(paired['%s/%s/info' % (HOST, PEER)]),
+            'settings': paired[HOST + '/settings'],
+            'cache after removal': w.files()['%s/cache/%s' % (HOST, PEER)]}
 
 
 @pytest.mark.parametrize('part', RECORDED)
