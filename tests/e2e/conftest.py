@@ -2,6 +2,8 @@
 # simulated BlueZ on it, empty at start), binary (the built kelvane) and
 # run_kelvane (harness.run_kelvane against that bus).
 
+import contextlib
+import functools
 import os
 import threading
 
@@ -17,36 +19,29 @@ if os.geteuid() == 0:
 # What the fixtures print when they end is shown only with a failed test.
 @pytest.fixture
 def bus():
-    private_bus = PrivateBus()
-    yield private_bus
-    print(describe_failure(bus=private_bus))
-    private_bus.stop()
+    with PrivateBus() as private_bus:
+        yield private_bus
+        print(describe_failure(bus=private_bus))
 
 
 @pytest.fixture
 def sim(bus):
-    simulator = Sim(bus)
-    yield simulator
-    print(describe_failure(sim=simulator))
-    simulator.stop()
+    with Sim(bus) as simulator:
+        yield simulator
+        print(describe_failure(sim=simulator))
 
 
 @pytest.fixture(scope='session')
 def binary():
-    if not os.environ.get('KELVANE_BIN'):
-        pytest.skip('KELVANE_BIN is not set (ctest sets it to the built binary)')
-    if os.geteuid() != 0:
-        pytest.skip('the end-to-end harness needs root for its mount namespaces')
+    if not os.environ.get('KELVANE_BIN') or os.geteuid() != 0:
+        pytest.skip('needs KELVANE_BIN (ctest sets it) and root (for the mount namespaces)')
     return os.environ['KELVANE_BIN']
 
 
 @pytest.fixture
 def run_kelvane(bus, binary):
     # run_kelvane(args, **options) -> harness.Run; see harness.run_kelvane.
-    def run(args, **options):
-        options.setdefault('bus_address', bus.address)
-        return harness.run_kelvane(args, binary=binary, **options)
-    return run
+    return functools.partial(harness.run_kelvane, binary=binary, bus_address=bus.address)
 
 
 @pytest.fixture(scope='module')
@@ -56,26 +51,23 @@ def at_once(request, binary):
     # makes the world (build None: no BlueZ at all) and may return a function
     # to run in a thread meanwhile; options go to harness.start, with box a
     # function that makes the box.
-    buses, sims, threads = [], {}, []
+    sims, running = {}, contextlib.ExitStack()
 
     def run(worlds, timeout):
         started = {}
         for name, (build, args, options) in worlds.items():
-            buses.append(PrivateBus())
-            sims[name] = sim = build and Sim(buses[-1])
+            bus = running.enter_context(PrivateBus())
+            sims[name] = sim = build and running.enter_context(Sim(bus))
             during = build and build(sim)
             options = dict(options, box=options.get('box', harness.Box)())
-            started[name] = harness.start(args, binary=binary, bus_address=buses[-1].address,
-                                          **options)
-            if callable(during):
-                threads.append(threading.Thread(target=during))
-                threads[-1].start()
+            started[name] = harness.start(args, binary=binary, bus_address=bus.address, **options)
+            if callable(during):  # joined before its simulator stops
+                thread = threading.Thread(target=during)
+                thread.start()
+                running.callback(thread.join)
         runs = harness.finish_all(started.values(), timeout)
         return {name: (done, sims[name]) for name, done in zip(started, runs)}
-    yield run
-    for thread in threads:
-        thread.join()
-    if request.session.testsfailed:
-        print('\n'.join(describe_failure(sim=s) for s in sims.values() if s))
-    for stop in [s.stop for s in sims.values() if s] + [b.stop for b in buses]:
-        stop()
+    with running:
+        yield run
+        if request.session.testsfailed:
+            print('\n'.join(describe_failure(sim=s) for s in sims.values() if s))

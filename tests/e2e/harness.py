@@ -48,8 +48,8 @@ def _own_mounts(binds=(), read_only=()):
 def enter_private_namespace():
     # A checkout or build that lives in /tmp stays where it was (pytest has
     # imported from there), bound back from the old /tmp; the build is also
-    # bound at /mnt/kelvane-build, where the runs, which get a /tmp of their
-    # own, still find the binary.
+    # bound at /mnt, where the runs, which get a /tmp of their own, still find
+    # the binary.
     _own_mounts()
     top = Path(__file__).resolve().parents[2]
     binary = Path(os.environ.get('KELVANE_BIN') or '/').resolve()
@@ -61,10 +61,8 @@ def enter_private_namespace():
         path.mkdir(parents=True, exist_ok=True)
         _mount('/proc/self/fd/%d/%s' % (old_tmp, path.relative_to('/tmp')), path, flags=MS_BIND)
     if build in kept:
-        _mount('kelvane-e2e-build', '/mnt', 'tmpfs', data='mode=755')
-        os.mkdir('/mnt/kelvane-build')
-        _mount(str(build), '/mnt/kelvane-build', flags=MS_BIND)
-        os.environ['KELVANE_BIN'] = str('/mnt/kelvane-build' / binary.relative_to(build))
+        _mount(build, '/mnt', flags=MS_BIND)
+        os.environ['KELVANE_BIN'] = str('/mnt' / binary.relative_to(build))
     os.close(old_tmp)
 
 
@@ -85,7 +83,7 @@ class File:
 Dir = make_dataclass('Dir', [('mode', int, 0o755), ('uid', int, 0)], frozen=True)
 Fifo = make_dataclass('Fifo', [('mode', int, 0o644), ('uid', int, 0)], frozen=True)
 Symlink = make_dataclass('Symlink', ['target'], frozen=True)
-Hardlink = make_dataclass('Hardlink', ['target'], frozen=True)  # the target as the tool sees it
+Hardlink = make_dataclass('Hardlink', ['target'], frozen=True)  # below /tmp, as the tool sees it
 
 
 class Tree(dict):
@@ -105,24 +103,22 @@ def snapshot(root):
         return None
     tree = Tree()
     tree.mode = stat.S_IMODE(os.lstat(root).st_mode)
-    for top, dirs, files in os.walk(root):
-        for path in (Path(top, name) for name in dirs + files):
-            st = path.lstat()
-            mode, kind = stat.S_IMODE(st.st_mode), stat.S_IFMT(st.st_mode)
-            tree[str(path.relative_to(root))] = (
-                Symlink(os.readlink(path)) if kind == stat.S_IFLNK else Dir(mode, st.st_uid)
-                if kind == stat.S_IFDIR else File(path.read_bytes(), mode, st.st_uid)
-                if kind == stat.S_IFREG else Fifo(mode, st.st_uid))
+    for path in Path(root).rglob('*'):  # symbolic links are not followed
+        st = path.lstat()
+        mode, kind = stat.S_IMODE(st.st_mode), stat.S_IFMT(st.st_mode)
+        tree[str(path.relative_to(root))] = (
+            Symlink(os.readlink(path)) if kind == stat.S_IFLNK else Dir(mode, st.st_uid)
+            if kind == stat.S_IFDIR else File(path.read_bytes(), mode, st.st_uid)
+            if kind == stat.S_IFREG else Fifo(mode, st.st_uid))
     return tree
 
 
 def expected(description):
     # A description as its snapshot reads: missing parents are 0755 directories.
-    tree = {}
+    tree = Tree()
     for path, entry in description.items():
-        parts = path.split('/')
-        for i in range(1, len(parts)):
-            tree.setdefault('/'.join(parts[:i]), Dir())
+        for parent in list(Path(path).parents)[:-1]:
+            tree.setdefault(str(parent), Dir())
         tree[path] = File(entry) if isinstance(entry, (str, bytes)) else entry
     tree.pop('.', None)
     return tree
@@ -133,8 +129,7 @@ BACKUP = 'config/files/var_bluetooth'  # below /tmp
 
 def with_backup(tree):
     # A description of /tmp holding tree as the backup.
-    return {'config': Dir(), 'config/files': Dir(), BACKUP: Dir(0o700),
-            **{BACKUP + '/' + p: e for p, e in tree.items()}}
+    return {BACKUP: Dir(0o700), **{BACKUP + '/' + p: e for p, e in tree.items()}}
 
 
 class Box:
@@ -158,25 +153,17 @@ class Box:
         elif store != NO_STORE:
             self.plant(self.store, store or {}, 0o700)
 
-    def host(self, seen):
-        # The path here of a path as the tool sees it.
-        for inside, outside in (('/tmp', self.tmp), ('/var/lib', self.var_lib)):
-            if seen.startswith(inside + '/'):
-                return outside / seen[len(inside) + 1:]
-        raise ValueError(seen)
-
     def plant(self, root, description, root_mode):
-        # Modes last, deepest first, so that a read-only directory can be filled.
-        modes = []
-        for rel, entry in sorted({'.': Dir(root_mode), **description}.items(), key=lambda i: (
+        # Parents first, hard links last; modes at the end, deepest first, so
+        # that a read-only directory can be filled.
+        modes, entries = [], {'.': description.get('.', Dir(root_mode)), **expected(description)}
+        for rel, entry in sorted(entries.items(), key=lambda i: (
                 isinstance(i[1], Hardlink), i[0] != '.', i[0].count('/'))):
-            entry = File(entry) if isinstance(entry, (str, bytes)) else entry
             path = root / rel
-            path.parent.mkdir(parents=True, exist_ok=True)
             if isinstance(entry, Symlink):
                 os.symlink(entry.target, path)
             elif isinstance(entry, Hardlink):
-                os.link(self.host(entry.target), path)
+                os.link(self.tmp / Path(entry.target).relative_to('/tmp'), path)
             elif isinstance(entry, Dir):
                 path.mkdir(exist_ok=True)
             elif isinstance(entry, Fifo):
@@ -190,15 +177,10 @@ class Box:
             path.chmod(mode)
 
 
-def dead_bus_address():
-    # Nobody listens there: a run without a bus never reaches the machine's own.
-    return 'unix:abstract=kelvane-no-bus-' + secrets.token_hex(8)
-
-
 class Run:
-    # One run: argv, status, stdout and stderr (text; *_bytes raw), json (the
-    # result line parsed, when one was expected), seconds, and its box, whose
-    # trees tmp and store snapshot as they are now.
+    # One run: argv, status, stdout and stderr (text), json (the result line
+    # parsed, when one was expected), seconds, and its box, whose trees tmp and
+    # store snapshot as they are now.
     tmp = property(lambda self: snapshot(self.box.tmp))
     store = property(lambda self: snapshot(self.box.store))
 
@@ -212,30 +194,33 @@ class Run:
             self.argv, self.status, self.seconds, self.stdout, self.stderr)
 
 
-def start(args, *, binary, box, bus_address=None, root=True, env=None, argv0=None,
-          readonly=(), umask=None, store_mount=False, bind=(), broken=()):
+def start(args, *, binary, box, bus_address=None, root=True, argv0=None, readonly=(),
+          umask=None, store_mount=False, bind=(), broken=()):
     # Starts `binary args` seeing the box, as root or as nobody (uid/gid 65534,
-    # no groups). readonly: "tmp", "store" mounted read-only. store_mount:
-    # /var/lib/bluetooth a mount point of its own; bind: more such paths (as
-    # the tool sees them). broken: "stdout", "stderr" are pipes nobody reads.
+    # no groups). readonly: paths (as the tool sees them) mounted read-only.
+    # store_mount: /var/lib/bluetooth a mount point of its own; bind: more such
+    # paths. broken: "stdout", "stderr" are pipes nobody reads.
+    # Without a bus, the address is one nobody listens on, never the machine's bus.
+    nowhere = 'unix:abstract=kelvane-no-bus-' + secrets.token_hex(8)
     environment = {'PATH': '/usr/sbin:/usr/bin:/sbin:/bin', 'LANG': 'C.UTF-8',
                    'HOME': '/root' if root else '/nonexistent',
-                   'DBUS_SYSTEM_BUS_ADDRESS': bus_address or dead_bus_address(), **(env or {})}
-    outputs = {}
+                   'DBUS_SYSTEM_BUS_ADDRESS': bus_address or nowhere}
+    run = Run()
+    run.box, run.outputs, streams = box, {}, {}
     for name in ('stdout', 'stderr'):
-        if name in broken:
-            read_end, outputs[name] = os.pipe()
+        run.outputs[name] = box.base / ('%s.%d' % (name, time.monotonic_ns()))
+        if name in broken:  # nothing is captured
+            read_end, streams[name] = os.pipe()
             os.close(read_end)
         else:
-            outputs[name] = open(box.base / ('%s.%d' % (name, time.monotonic_ns())), 'w+b')
+            streams[name] = os.open(run.outputs[name], os.O_WRONLY | os.O_CREAT, 0o600)
     # /tmp last: the box (and maybe the store) lives below it.
     binds = [(box.var_lib, '/var/lib')] + [(box.store, '/var/lib/bluetooth')] * (
         box.store.parent != box.var_lib) + [(box.run, '/run'), (box.tmp, '/tmp')] + [
         (path, path) for path in ['/var/lib/bluetooth'] * store_mount + list(bind)]
-    read_only = [{'tmp': '/tmp', 'store': '/var/lib/bluetooth'}[w] for w in readonly]
 
     def enter():  # in the child, before exec
-        _own_mounts(binds, read_only)
+        _own_mounts(binds, readonly)
         if umask is not None:
             os.umask(umask)
         if not root:
@@ -245,12 +230,11 @@ def start(args, *, binary, box, bus_address=None, root=True, env=None, argv0=Non
 
     process = subprocess.Popen([argv0 or binary] + list(args), executable=binary, cwd='/',
                                env=environment, stdin=subprocess.DEVNULL, preexec_fn=enter,
-                               start_new_session=True, **outputs)
-    for stream in outputs.values():
-        if isinstance(stream, int):
-            os.close(stream)
-    process.run = run = Run()
-    run.argv, run.box, run.outputs, run.started = process.args, box, outputs, time.monotonic()
+                               start_new_session=True, **streams)
+    for fd in streams.values():
+        os.close(fd)
+    process.run = run
+    run.argv, run.started = process.args, time.monotonic()
     return process
 
 
@@ -263,24 +247,18 @@ def finish_all(processes, timeout=60, expect_json=True):
         for process in [p for p in pending if p.poll() is not None or time.monotonic() > deadline]:
             if process.poll() is None:
                 os.killpg(process.pid, signal.SIGKILL)
-                process.wait()
-            process.run.seconds = time.monotonic() - process.run.started
+            run = process.run
+            run.status, run.seconds = process.wait(), time.monotonic() - run.started
             pending.remove(process)
         time.sleep(0.01)
     runs = [process.run for process in processes]
-    for process, run in zip(processes, runs):
-        run.status = process.returncode
-        for name, stream in run.outputs.items():
-            captured = b''
-            if not isinstance(stream, int):
-                with stream:
-                    stream.seek(0)
-                    captured = stream.read()
-            setattr(run, name + '_bytes', captured)
-            setattr(run, name, captured.decode('utf-8', 'replace'))
+    for run in runs:
+        raw = {name: path.read_bytes() if path.exists() else b''
+               for name, path in run.outputs.items()}
+        run.stdout, run.stderr = (raw[n].decode('utf-8', 'replace') for n in ('stdout', 'stderr'))
         assert run.seconds < timeout, 'kelvane did not finish within %ss\n%r' % (timeout, run)
         try:
-            run.json = contract.validate_result(run.stdout_bytes) if expect_json else None
+            run.json = contract.validate_result(raw['stdout']) if expect_json else None
         except (AssertionError, ValueError) as error:
             raise AssertionError('%s\n%r' % (error, run)) from None
     return runs

@@ -4,19 +4,12 @@
 
 import pytest
 
-
 NO_OWNER = 'The name org.bluez was not provided by any .service files'
-WORLDS = {}
+NO_METHOD = ('Method "GetManagedObjects" with signature "" on interface '
+             '"org.freedesktop.DBus.ObjectManager" doesn\'t exist\n')
 
 
-def world(name, *args, root=True, with_sim=True):
-    def register(build):
-        WORLDS[name] = (build if with_sim else None, list(args or ['-e']), root)
-    return register
-
-
-@world('busy', '-v', '-e', root=False)
-def _busy(sim):
+def busy(sim):
     # hci0 with devices that come, change and go; hci1 off (powered by the
     # scan); hci10 and usb0 refuse; hci3 has no address.
     sim.add_adapter('hci0', name='alpha')
@@ -40,85 +33,71 @@ def _busy(sim):
                   path='/org/bluez/usb0')
 
 
-@world('empty-daemon')
-def _empty_daemon(sim):
+def empty_daemon(sim):
     sim.configure(list_manager=False)
     sim.object_managers('/', '/org/bluez')
 
 
-@world('no-object-manager')
-def _no_object_manager(sim):
-    sim.object_managers()
-
-
-@world('absent', '-v', '-e', with_sim=False)
-def _absent(_):
-    pass
-
-
-@world('manager-below', '-v', '-e')
-def _manager_below(sim):
+def manager_below(sim):
     sim.object_managers('/org/bluez')
     sim.add_adapter('hci0')
     sim.add_device('hci0', '55:00:00:00:00:01', rssi=-30)
 
 
-@world('probed', '-e', '-v')
-def _probed(sim):
+def probed(sim):
     sim.object_managers()
     sim.add_adapter('hci3', name='probed', alias='Probed', address='00:00:00:00:03:03')
     sim.add_device('hci3', '66:00:00:00:00:01', rssi=-30)
     sim.add_adapter('hci16', name='too far')
 
 
-@world('leaves', '-v', '-e')
-def _leaves(sim):
+def leaves(sim):
     sim.add_adapter('hci0')
     sim.add_device('hci0', '77:00:00:00:00:01', rssi=-40)
     sim.add_device('hci0', '77:00:00:00:00:02', rssi=-50, appear_after=6)
     sim.leave_bus(after_managed_objects=4)  # the listing and three polls are answered
 
 
-@pytest.fixture(scope='module')
-def scanned(at_once):
-    return at_once({name: (build, args, {'root': root}) for name, (build, args, root)
-                    in WORLDS.items()}, 120)
-
-
-# world -> exit status, error, {address: rssi} of the devices listed
-OUTCOMES = {
-    # The latest poll wins; a device gone is still listed.
-    'busy': (0, 'adapter 10: Operation already in progress; adapter -1: Blocked through rfkill',
-             {'00:00:00:00:00:01': -40, 'AA:00:00:00:00:05': -50,
-              '22:00:00:00:00:01': -55, 'AA:00:00:00:00:07': -60, '00:00:00:00:00:02': -70,
-              'AA:00:00:00:00:06': -80, '11:22:33:44:55:66': None}),
-    'empty-daemon': (1, 'no BlueZ objects found', {}),
-    'no-object-manager': (1, 'Method "GetManagedObjects" with signature "" on interface '
-                             '"org.freedesktop.DBus.ObjectManager" doesn\'t exist\n', {}),
-    'absent': (1, NO_OWNER, {}),
-    'manager-below': (0, '', {'55:00:00:00:00:01': -30}),
-    'probed': (0, '', {}),  # probing finds adapters, never devices
-    'leaves': (0, '', {'77:00:00:00:00:01': -40}),  # what was seen before BlueZ left
+# world (None: no BlueZ), words, options -> exit status, error, {address: (rssi, name)} of
+# the devices listed
+SCANS = {
+    # The latest poll wins; a device gone is still listed. Nobody may scan.
+    'busy': (busy, ['-v', '-e'], {'root': False}, 0,
+             'adapter 10: Operation already in progress; adapter -1: Blocked through rfkill',
+             {'00:00:00:00:00:01': (-40, 'Strong'), 'AA:00:00:00:00:05': (-50, 'Came closer'),
+              '22:00:00:00:00:01': (-55, ''), 'AA:00:00:00:00:07': (-60, 'Left early'),
+              '00:00:00:00:00:02': (-70, '\ufeffBOM first'), 'AA:00:00:00:00:06': (-80, ''),
+              '11:22:33:44:55:66': (None, 'Paired but off')}),
+    'empty daemon': (empty_daemon, ['-e'], {}, 1, 'no BlueZ objects found', {}),
+    'no object manager': (lambda sim: sim.object_managers(), ['-e'], {}, 1, NO_METHOD, {}),
+    'absent': (None, ['-v', '-e'], {}, 1, NO_OWNER, {}),
+    'manager below': (manager_below, ['-v', '-e'], {}, 0, '', {'55:00:00:00:00:01': (-30, '')}),
+    # Probing finds adapters, never devices.
+    'probed': (probed, ['-e', '-v'], {}, 0, '', {}),
+    # What was seen before BlueZ left.
+    'leaves': (leaves, ['-v', '-e'], {}, 0, '', {'77:00:00:00:00:01': (-40, '')}),
 }
 
 
-@pytest.mark.parametrize('name', OUTCOMES)
+@pytest.fixture(scope='module')
+def scanned(at_once):
+    return at_once({name: row[:3] for name, row in SCANS.items()}, 120)
+
+
+@pytest.mark.parametrize('name', SCANS)
 def test_outcome(scanned, name):
     run, _ = scanned[name]
-    assert (run.status, run.json['error'], {d['address']: d['rssi'] for d in run.json['devices']}
-            ) == OUTCOMES[name], run
+    devices = {d['address']: (d['rssi'], d['name']) for d in run.json['devices']}
+    assert (run.status, run.json['error'], devices) == SCANS[name][3:], run
     assert run.stderr == '' or '-v' in run.argv
     assert (run.tmp, run.store) == ({}, {})  # a scan writes nothing
 
 
-def test_adapters_and_values_as_reported(scanned):
+def test_adapters_and_calls(scanned):
     run, sim = scanned['busy']
     assert [(a['path'], a['id'], a['powered'], a['name']) for a in run.json['adapters']] == [
         ('/org/bluez/hci0', 0, True, 'alpha'), ('/org/bluez/hci1', 1, False, 'sim-hci1'),
         ('/org/bluez/hci10', 10, True, 'sim-hci10'), ('/org/bluez/usb0', -1, False, 'sim-usb0')]
-    names = {d['address']: d['name'] for d in run.json['devices']}
-    assert [names[a] for a in ('AA:00:00:00:00:05', 'AA:00:00:00:00:07', '00:00:00:00:00:02')
-            ] == ['Came closer', 'Left early', '\ufeffBOM first']
     # A snapshot for the listing and each poll of the two adapters that discovered.
     assert sim.methods().count('GetManagedObjects') == 21
     run, sim = scanned['probed']
@@ -129,10 +108,6 @@ def test_adapters_and_values_as_reported(scanned):
     assert [c.method for c in sim.calls(path='/org/bluez/hci3') if c.method != 'GetAll'] == [
         'SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery']
     assert sim.calls(path='/org/bluez/hci16') == []
-    # Nobody owns org.bluez: an answer that cannot change ends the chain at once.
-    run, _ = scanned['absent']
-    assert [line for line in run.stderr.splitlines() if line.startswith('dbus')] == gmo(
-        outcome='error: ' + NO_OWNER)
 
 
 def gmo(path='/', outcome='ok'):
@@ -140,11 +115,11 @@ def gmo(path='/', outcome='ok'):
             'dbus << GetManagedObjects ' + outcome]
 
 
-def discovery(adapter, start='ok', stop='ok'):
+def discovery(adapter, start='ok', polls=0, stop='ok'):
     path = 'dbus >> org.bluez /org/bluez/%s org.bluez.Adapter1.' % adapter
-    lines = [path + 'SetDiscoveryFilter (Transport=auto)', 'dbus << SetDiscoveryFilter ok',
-             path + 'StartDiscovery', 'dbus << StartDiscovery ' + start]
-    return lines + ([path + 'StopDiscovery', 'dbus << StopDiscovery ' + stop] if stop else [])
+    return ([path + 'SetDiscoveryFilter (Transport=auto)', 'dbus << SetDiscoveryFilter ok',
+             path + 'StartDiscovery', 'dbus << StartDiscovery ' + start] + gmo() * polls
+            + ([path + 'StopDiscovery', 'dbus << StopDiscovery ' + stop] if stop else []))
 
 
 def power(adapter, outcome='ok: org.bluez.Adapter1.Powered=true'):
@@ -153,16 +128,16 @@ def power(adapter, outcome='ok: org.bluez.Adapter1.Powered=true'):
 
 
 def test_traces(scanned):
-    poll = gmo()
-    assert scanned['busy'][0].stderr.splitlines() == (
-        poll + discovery('hci0')[:4] + poll * 10 + discovery('hci0')[4:]
-        + power('hci1') + discovery('hci1')[:4] + poll * 10 + discovery('hci1')[4:]
-        + discovery('hci10', 'error: Operation already in progress', None)
+    trace = {name: run.stderr for name, (run, _) in scanned.items()}
+    assert trace['busy'].splitlines() == (
+        gmo() + discovery('hci0', polls=10) + power('hci1') + discovery('hci1', polls=10)
+        + discovery('hci10', 'error: Operation already in progress', stop=None)
         + power('usb0', 'error: Blocked through rfkill'))
-    below = scanned['manager-below'][0].stderr.splitlines()
-    assert below[0] == poll[0] and below[1].startswith('dbus << GetManagedObjects error: ')
-    assert 'unavailable' not in '\n'.join(below)
-    assert 'debug: GetManagedObjects unavailable at /org/bluez' in \
-        scanned['probed'][0].stderr.splitlines()
-    assert scanned['leaves'][0].stderr.splitlines()[-2:] == discovery('hci0', stop='error: '
-                                                                      + NO_OWNER)[4:]
+    # Nobody owns org.bluez: an answer that cannot change ends the chain at once.
+    assert trace['absent'].splitlines() == gmo(outcome='error: ' + NO_OWNER)
+    # Asked in vain at /, the object manager below /org/bluez answers: no note of it.
+    assert trace['manager below'].startswith('\n'.join(
+        gmo(outcome='error: ' + NO_METHOD) + gmo('/org/bluez')))
+    assert 'unavailable' not in trace['manager below']
+    assert 'debug: GetManagedObjects unavailable at /org/bluez' in trace['probed'].splitlines()
+    assert trace['leaves'].splitlines()[-2:] == discovery('hci0', stop='error: ' + NO_OWNER)[-2:]

@@ -24,11 +24,6 @@ def device(adapter, address, general=''):
                                                    % general, 0o600)}
 
 
-def visible(tree):
-    return {p: e for p, e in tree.items() if not any(part.startswith('.')
-                                                     for part in p.split('/'))}
-
-
 def outcome(error=''):
     return {'adapters': [], 'devices': [], 'error': error, 'result': 'error' if error else 'ok'}
 
@@ -45,17 +40,6 @@ LISTED = {**device(AD0, MAC, 'Name=Zebra keyboard\nTrusted=true\nClass=0x002540\
           '00:1A:7D:DA:71:99/settings': '[General]\n'}  # an adapter without devices
 
 
-def live(sim):
-    # The bus knows better names, another trust and an RSSI: none of it counts.
-    for adapter in ('hci0', 'hci1'):
-        sim.add_adapter(adapter)
-    sim.add_device('hci0', MAC.lower(), name='Live name', rssi=-40, connected=True)
-    sim.add_device('hci0', OTHER, paired=True)
-    sim.add_device('hci1', OTHER, connected=True)  # a later partner does not count
-    sim.add_device('hci1', UNNAMED.strip(), connected=True)
-    sim.add_device('hci0', 'CC:CC:CC:CC:CC:CC', connected=True)  # not stored: not listed
-
-
 def known(name='', trusted=False, device_class=None, appearance=None, uuids=(), at=None):
     return {'name': name, 'trusted': trusted, 'class_of_device': device_class, 'paired': True,
             'appearance': appearance, 'uuids': list(uuids), 'rssi': None,
@@ -64,8 +48,15 @@ def known(name='', trusted=False, device_class=None, appearance=None, uuids=(), 
 
 
 def test_list_joins_the_store_with_the_live_daemon(run_kelvane, sim):
+    # The bus knows better names, another trust and an RSSI: none of it counts.
     # Without BlueZ the same devices come without path and connection (README's example).
-    live(sim)
+    for adapter in ('hci0', 'hci1'):
+        sim.add_adapter(adapter)
+    sim.add_device('hci0', MAC.lower(), name='Live name', rssi=-40, connected=True)
+    sim.add_device('hci0', OTHER, paired=True)
+    sim.add_device('hci1', OTHER, connected=True)  # a later partner does not count
+    sim.add_device('hci1', UNNAMED.strip(), connected=True)
+    sim.add_device('hci0', 'CC:CC:CC:CC:CC:CC', connected=True)  # not stored: not listed
     run = run_kelvane(['-l'], store=LISTED)
     assert (run.status, run.json['error']) == (0, '')
     assert {d['address']: {k: d[k] for k in known()} for d in run.json['devices']} == {
@@ -80,25 +71,18 @@ def test_list_joins_the_store_with_the_live_daemon(run_kelvane, sim):
     assert run.store == harness.expected(LISTED)
 
 
-def test_list_of_a_missing_store_is_empty_without_error(run_kelvane):
-    run = run_kelvane(['-l'], store=NO_STORE)
-    assert (run.status, run.json) == (0, outcome())
-
-
 # -- -r ------------------------------------------------------------------------
 
 OLD = {'.': Dir(0o700), **device(AD0, OTHER, 'Name=Old'), '.hidden': File('keep me\n', 0o600)}
 NEW = {AD1: Dir(0o750), **device(AD1, MAC, 'Name=Restored'),
        'foreign': File('not ours\n', 0o640, uid=4242)}  # a save would take it over
+RESTORED = {**harness.expected(NEW), 'foreign': File('not ours\n', 0o640)}  # as root's
 # store, backup, read-only mounts -> error, the store afterwards
 RESTORES = {
-    'restored': (OLD, with_backup(NEW), (), '',
-                 {**harness.expected(NEW), 'foreign': File('not ours\n', 0o640),
-                  '.hidden': OLD['.hidden']}),
-    'no store yet': (NO_STORE, with_backup(NEW), (), '',
-                     {**harness.expected(NEW), 'foreign': File('not ours\n', 0o640)}),
+    'restored': (OLD, with_backup(NEW), (), '', {**RESTORED, '.hidden': OLD['.hidden']}),
+    'no store yet': (NO_STORE, with_backup(NEW), (), '', RESTORED),
     'no backup': (OLD, {}, (), '', harness.expected(OLD)),
-    'read-only store': (OLD, with_backup(NEW), ('store',),
+    'read-only store': (OLD, with_backup(NEW), ['/var/lib/bluetooth'],
                         'failed to remove directory: /var/lib/bluetooth/' + AD0,
                         harness.expected(OLD)),
 }
@@ -133,60 +117,56 @@ def bluez_knows(address, refuses=False):
     return world
 
 
-# world (None: no BlueZ), store, typed address -> error, the store entries that
-# go, the device BlueZ was asked to remove
+DEVICE = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'
+# world (None: no BlueZ), store, words -> error, the store entries that go,
+# the device (on hci0) BlueZ was asked to remove
 FORGETS = {
     # BlueZ removes the first device at that address and leaves the store to it.
-    'through BlueZ': (bluez_knows(MAC), STORE, 'aa-Bb-cc:DD:ee:ff', '', [], MAC),
+    'through BlueZ': (bluez_knows(MAC), STORE, ['-f', 'aa-Bb-cc:DD:ee:ff'], '', [], DEVICE),
     # BlueZ refuses, is not there, or does not know the (padded) address: the
     # device's directories under every adapter go from the store.
-    'BlueZ refuses': (bluez_knows(MAC, refuses=True), STORE, MAC, '', GONE, MAC),
-    'no BlueZ': (None, STORE, MAC, '', GONE, None),
-    'unknown to BlueZ': (bluez_knows(OTHER), STORE, ' aa-bb-cc-dd-ee-ff\t', '', GONE, None),
-    'invalid': (bluez_knows(MAC), STORE, 'AA:BB:CC:DD:EE',
+    'BlueZ refuses': (bluez_knows(MAC, refuses=True), STORE, ['-f', MAC], '', GONE, DEVICE),
+    'no BlueZ': (None, STORE, ['-f', MAC], '', GONE, None),
+    'unknown to BlueZ': (bluez_knows(OTHER), STORE, ['-f', ' aa-bb-cc-dd-ee-ff\t'], '', GONE, None),
+    'invalid': (bluez_knows(MAC), STORE, ['-f', 'AA:BB:CC:DD:EE'],
                 'invalid Bluetooth address: AA:BB:CC:DD:EE', [], None),
-    'unknown': (bluez_knows(MAC), STORE, '12-34-56-78-9a-bc', 'device not found', [], None),
+    'unknown': (bluez_knows(MAC), STORE, ['-f', '12-34-56-78-9a-bc'], 'device not found', [], None),
     'refused, not stored': (bluez_knows('12:34:56:78:9A:BC', refuses=True), STORE,
-                            '12:34:56:78:9a:bc', 'Operation not permitted', [],
-                            '12:34:56:78:9A:BC'),
-    'nowhere': (None, NO_STORE, MAC, 'device not found', [], None),
+                            ['-f', '12:34:56:78:9a:bc'], 'Operation not permitted', [],
+                            '/org/bluez/hci0/dev_12_34_56_78_9A_BC'),
+    'nowhere': (None, NO_STORE, ['-f', MAC], 'device not found', [], None),
+    # -l of that nothing: an empty listing, and no error.
+    'nothing to list': (None, NO_STORE, ['-l'], '', [], None),
+    # The whole trace of -f; with no store to save, the backup stays and only -v tells.
+    'traced, nothing to save': (bluez_knows(MAC), NO_STORE, ['-v', '-f', MAC], '', [], DEVICE),
 }
+TRACE = '\n'.join([
+    'dbus >> org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects',
+    'dbus << GetManagedObjects ok',
+    'dbus >> org.bluez /org/bluez/hci0 org.bluez.Adapter1.RemoveDevice (%s)' % DEVICE,
+    'dbus << RemoveDevice ok',
+    'debug: warning: failed to save bluetooth config: source directory does not exist: '
+    '/var/lib/bluetooth', ''])
 
 
-@pytest.mark.parametrize('world,store,typed,error,gone,removed', FORGETS.values(), ids=FORGETS)
-def test_forget(run_kelvane, request, world, store, typed, error, gone, removed):
+@pytest.mark.parametrize('world,store,words,error,gone,removed', FORGETS.values(), ids=FORGETS)
+def test_forget(run_kelvane, request, world, store, words, error, gone, removed):
     sim = world and request.getfixturevalue('sim')
     if sim:
         world(sim)
-    run = run_kelvane(['-f', typed], store=store, tmp=STALE)
-    assert (run.status, run.json, run.stderr) == (1 if error else 0, outcome(error), '')
+    run = run_kelvane(words, store=store, tmp=STALE)
+    assert (run.status, run.json, run.stderr) == (
+        1 if error else 0, outcome(error), TRACE if '-v' in words else '')
     if sim and error.startswith('invalid'):
         assert sim.calls() == []  # the address is checked before BlueZ is asked
     if sim:
-        assert [(c.path, c.args, c.types) for c in sim.calls(method='RemoveDevice')] == ([
-            ('/org/bluez/hci0', ['/org/bluez/hci0/dev_' + removed.replace(':', '_')], ['o'])]
-            if removed else [])
-    left = None if store == NO_STORE else {
-        p: e for p, e in harness.expected(store).items()
-        if not any(p == g or p.startswith(g + '/') for g in gone)}
+        assert [(c.path, c.args, c.types) for c in sim.calls(method='RemoveDevice')] == (
+            [('/org/bluez/hci0', [removed], ['o'])] if removed else [])
+    left = None if store == NO_STORE else harness.expected(store).without(*gone)
     assert run.store == left
-    if error:
-        assert run.tmp == harness.expected(STALE)  # no save after a failure
+    if error or left is None:
+        assert run.tmp == harness.expected(STALE)  # no save after a failure, nor of no store
     else:
         # The store mirrored into the backup, which keeps its own hidden entries.
-        assert run.tmp.below(BACKUP) == {**visible(left), '.kept': File(
-            'the backup keeps its own\n')}
-
-
-def test_forget_trace_and_a_failed_save(run_kelvane, sim):
-    bluez_knows(MAC)(sim)
-    run = run_kelvane(['-v', '-f', MAC], store=NO_STORE)
-    dev = '/org/bluez/hci0/dev_' + MAC.replace(':', '_')
-    assert run.stderr.splitlines() == [
-        'dbus >> org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects',
-        'dbus << GetManagedObjects ok',
-        'dbus >> org.bluez /org/bluez/hci0 org.bluez.Adapter1.RemoveDevice (%s)' % dev,
-        'dbus << RemoveDevice ok',
-        'debug: warning: failed to save bluetooth config: source directory does not exist: '
-        '/var/lib/bluetooth']
-    assert (run.status, run.json) == (0, outcome())
+        assert run.tmp.below(BACKUP) == {**{p: e for p, e in left.items() if '/.' not in '/' + p},
+                                         '.kept': File('the backup keeps its own\n')}
