@@ -96,7 +96,7 @@ private slots:
         row("normalize", " aa:bb:cc:dd:ee:ff\n", " AA:BB:CC:DD:EE:FF\n"); // blanks stay
         row("valid", "AA:BB:CC:DD:EE:FF", "1");
         // Not even normalising makes these valid.
-        for (const char *bad : {"aA-Bb:cC-dd:EE-fF", " aa:bb:cc:dd:ee:ff", "aa:bb:cc:dd:ee:ff\n",
+        for (const char *bad : {"aA-Bb:cC-dd:EE-fF", " aa:bb:cc:dd:ee:ff", "AA:BB:CC:DD:EE:FF\n",
                                 "aa:bb:cc:dd:ee", "aa:bb:cc:dd:ee:fg", "aabbccddeeff"})
             row("valid", bad, "0");
         // The one rule for two addresses: blanks around, case and separators do not count.
