@@ -307,8 +307,11 @@ private slots:
     // Whatever sits at the name is replaced, never opened or followed, and
     // the mode is exact whatever the umask.
     void replaceFile() {
-        plant(m_tmp->path(), {"victim=precious", "link@victim", ".events.0123=stale"});
+        plant(m_tmp->path(),
+              {"victim=precious", "link@victim", ".events.0123=stale", ".events.4567=theirs"});
         QVERIFY(::mkfifo(name(at("pipe")), 0600) == 0);
+        // Another user's file that only looks like a leftover of ours stays (as root).
+        const bool foreign = ::chown(name(at(".events.4567")), 4242, 4242) == 0;
         const mode_t umask = ::umask(0);
         for (const char *entry : {"link", "pipe", "new"})
             QVERIFY(ks::replaceFile(m_tmp->path(), entry, "[]\n", 0644));
@@ -316,7 +319,8 @@ private slots:
         QVERIFY(!ks::replaceFile(at("victim"), "x", "[]\n", 0644));
         removeStaleTemporaries(m_tmp->path(), "events");
         QCOMPARE(tree(m_tmp->path()),
-                 QStringList({"link=[]\n", "new=[]\n", "pipe=[]\n", "victim=precious"}));
+                 (foreign ? QStringList{".events.4567=theirs"} : QStringList{}) +
+                     QStringList({"link=[]\n", "new=[]\n", "pipe=[]\n", "victim=precious"}));
         QCOMPARE(statOf(at("new")).st_mode & 07777, mode_t(0644));
     }
 
