@@ -98,6 +98,11 @@ PAIRINGS = {
                 ['passkey', 'trusted', 'connected'], ['004711'], PAIR + DONE),
     'not found': (lambda sim: sim.add_adapter('hci0'), ['-p', MAC], NOT_FOUND, [], [],
                   REGISTER + ['Set Pairable'] + DISCOVER + ['UnregisterAgent']),
+    # A refused discovery filter ends the search before it starts.
+    'discovery refused': (on_hci0(appear_after=1, fault=('SetDiscoveryFilter', 'org.bluez.Error.'
+                                                         'NotReady', 'Resource Not Ready')),
+                          ['-p', MAC], NOT_FOUND, [], [],
+                          REGISTER + ['Set Pairable', 'SetDiscoveryFilter', 'UnregisterAgent']),
     'already paired': (on_hci0(pairable=True, paired=True, trusted=True, connected=True),
                        ['-p', MAC], '', ['trusted', 'connected'], [],
                        REGISTER + ['Get Trusted', 'Get Connected', 'UnregisterAgent']),
