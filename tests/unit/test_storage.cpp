@@ -253,6 +253,15 @@ private slots:
         plant(m_tmp->path(), {"chmod 0700 store/keys", "chmod 0700 tmp/config/backup/keys"});
     }
 
+    // A store that is a link (to persistent storage, say) stays a link: the
+    // restored tree goes where the store really lives.
+    void restoreThroughALinkedStore() {
+        plant(m_tmp->path(), {"tmp/config/backup/A/info=new", "real/A/info=old", "store@real"});
+        QVERIFY(restoreBackupTo({at("tmp"), {"config"}, "backup"}, at("store")));
+        QCOMPARE(tree(m_tmp->path()).filter(QRegularExpression("^(real|store)")),
+                 QStringList({"real", "real/A", "real/A/info=new", "store@"}));
+    }
+
     // One run at a time; a second one waits its bound, then gives up. A link
     // is no lock file.
     void lock() {
