@@ -1,7 +1,7 @@
 '''kelvane-sim: run the simulated BlueZ, drive a running one, check scenarios.
 
     kelvane-sim run [--scenario FILE | --demo | --empty] [--store [DIR]]
-                    [--bus ADDRESS] [--calls] [-- COMMAND [ARG...]]
+                    [--bus ADDRESS] [--calls] [--isolate] [-- COMMAND [ARG...]]
     kelvane-sim call ADDRESS METHOD [JSON-ARGUMENTS]
     kelvane-sim check FILE...
 
@@ -11,6 +11,7 @@ See kelvane-sim(1).
 import argparse
 import json
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -19,6 +20,7 @@ import dbus
 
 from kelvane_sim import scenario as scenarios
 from kelvane_sim.client import Bus, PrivateBus, Sim
+from kelvane_sim.sandbox import Sandbox
 
 PROG = 'kelvane-sim'
 DEFAULT_STORE = '/var/lib/bluetooth'
@@ -39,7 +41,7 @@ def parse_args(argv):
     commands = parser.add_subparsers(dest='command', required=True, metavar='COMMAND')
     run = commands.add_parser('run', help='start the simulator (on a private bus)',
                               usage='%(prog)s [--scenario FILE | --demo | --empty] '
-                                    '[--store [DIR]] [--bus ADDRESS] [--calls] '
+                                    '[--store [DIR]] [--bus ADDRESS] [--calls] [--isolate] '
                                     '[-- COMMAND [ARG...]]')
     world = run.add_mutually_exclusive_group()
     world.add_argument('--scenario', metavar='FILE', help='the world of a scenario file')
@@ -50,6 +52,9 @@ def parse_args(argv):
     run.add_argument('--bus', metavar='ADDRESS', help='join this bus instead of a private one')
     run.add_argument('--calls', action='store_true',
                      help='print the method calls received, on stderr, when stopping')
+    run.add_argument('--isolate', action='store_true',
+                     help='run COMMAND with /tmp, /run and /var/lib of its own and the store '
+                          'as /var/lib/bluetooth (as root)')
     run.add_argument('program', nargs=argparse.REMAINDER, help=argparse.SUPPRESS)
     call = commands.add_parser('call', help='drive a running simulator')
     call.add_argument('address', help='the bus address kelvane-sim run printed')
@@ -76,27 +81,38 @@ def run(args):
         world = world_of(args)
     except scenarios.ScenarioError as e:
         raise UsageError(str(e)) from None
+    if args.isolate and not args.program:
+        raise UsageError('--isolate needs a COMMAND')
+    if args.isolate and os.geteuid() != 0:
+        raise RuntimeError('--isolate needs root (it makes a mount namespace)')
+    # Isolated without a store of its own, the simulator keeps it in the sandbox.
+    sandbox = Sandbox(store=args.store) if args.isolate else None
+    store = args.store or (sandbox and str(sandbox.store))
     bus = Bus(args.bus) if args.bus else PrivateBus()
     try:
-        with Sim(bus, scenario=world, store=args.store) as sim:
+        with Sim(bus, scenario=world, store=store) as sim:
             if args.program:
-                status = run_program(args.program, bus.address)
+                status = run_program(args.program, bus.address, sandbox)
             else:
-                status = serve(sim, args.store)
+                status = serve(sim, store)
             if args.calls:
                 print_calls(sim)
     finally:
         bus.stop()
+        if sandbox:
+            shutil.rmtree(sandbox.base)
     return status
 
 
-def run_program(program, address):
-    '''Runs the program against the simulator; its exit status.'''
+def run_program(program, address, sandbox=None):
+    '''Runs the program against the simulator, in the sandbox if one is
+    given; its exit status.'''
     env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
     try:
-        return subprocess.call(program, env=env)
-    except OSError as e:
-        print('%s: %s: %s' % (PROG, program[0], e.strerror), file=sys.stderr)
+        return (sandbox.popen if sandbox else subprocess.Popen)(program, env=env).wait()
+    except (OSError, subprocess.SubprocessError) as e:
+        print('%s: %s: %s' % (PROG, program[0], getattr(e, 'strerror', None) or e),
+              file=sys.stderr)
         return 127
 
 

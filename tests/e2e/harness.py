@@ -2,12 +2,11 @@
 #
 # conftest.py moves the whole test process into a mount namespace of its own
 # with a fresh tmpfs on /tmp, so nothing here ever reaches the host's /tmp or
-# /var/lib. Every run gets a Box there: three directories that the run sees as
-# /tmp, /var/lib and /run, bound over the real ones in a further namespace of
-# the run alone. Tests build the trees before a run and read them afterwards
-# with plain file operations; runs that share a box see the same files.
+# /var/lib. Every run gets a Box there: the simulator's sandbox (three
+# directories that the run sees as /tmp, /var/lib and /run) with the trees a
+# test describes. Tests read them afterwards with plain file operations; runs
+# that share a box see the same files.
 
-import ctypes
 import os
 import secrets
 import signal
@@ -19,30 +18,10 @@ from dataclasses import dataclass, make_dataclass
 from pathlib import Path
 
 import contract
+from kelvane_sim.sandbox import MS_BIND, Sandbox, mount, own_mounts
 
 NOBODY = 65534
 NO_STORE = 'no store'  # store=NO_STORE: /var/lib/bluetooth does not exist
-MS_RDONLY, MS_REMOUNT, MS_BIND, MS_REC, MS_PRIVATE = 1, 32, 4096, 16384, 1 << 18
-_libc = ctypes.CDLL(None, use_errno=True)
-
-
-def _mount(source, target, fstype=None, flags=0, data=None):
-    def c(text):
-        return None if text is None else str(text).encode()
-    if _libc.mount(c(source), c(target), c(fstype), ctypes.c_ulong(flags), c(data)) != 0:
-        raise OSError(ctypes.get_errno(), 'mount %s on %s' % (source, target))
-
-
-def _own_mounts(binds=(), read_only=()):
-    # A mount namespace of this process's own (CLONE_NEWNS) with the binds made.
-    if _libc.unshare(0x20000) != 0:
-        raise OSError(ctypes.get_errno(), 'unshare')
-    _mount(None, '/', flags=MS_REC | MS_PRIVATE)
-    for source, target in binds:
-        _mount(source, target, flags=MS_BIND)
-    for target in read_only:
-        _mount(target, target, flags=MS_BIND)
-        _mount(None, target, flags=MS_REMOUNT | MS_BIND | MS_RDONLY)
 
 
 def enter_private_namespace():
@@ -50,18 +29,18 @@ def enter_private_namespace():
     # imported from there), bound back from the old /tmp; the build is also
     # bound at /mnt, where the runs, which get a /tmp of their own, still find
     # the binary.
-    _own_mounts()
+    own_mounts()
     top = Path(__file__).resolve().parents[2]
     binary = Path(os.environ.get('KELVANE_BIN') or '/').resolve()
     build = next((p for p in binary.parents if (p / 'CMakeCache.txt').exists()), binary.parent)
     kept = [p for p in (top, build) if p.is_relative_to('/tmp') and p != Path('/tmp')]
     old_tmp = os.open('/tmp', os.O_PATH | os.O_DIRECTORY)
-    _mount('kelvane-e2e', '/tmp', 'tmpfs', data='mode=1777')
+    mount('kelvane-e2e', '/tmp', 'tmpfs', data='mode=1777')
     for path in kept:
         path.mkdir(parents=True, exist_ok=True)
-        _mount('/proc/self/fd/%d/%s' % (old_tmp, path.relative_to('/tmp')), path, flags=MS_BIND)
+        mount('/proc/self/fd/%d/%s' % (old_tmp, path.relative_to('/tmp')), path, flags=MS_BIND)
     if build in kept:
-        _mount(build, '/mnt', flags=MS_BIND)
+        mount(build, '/mnt', flags=MS_BIND)
         os.environ['KELVANE_BIN'] = str('/mnt' / binary.relative_to(build))
     os.close(old_tmp)
 
@@ -132,25 +111,17 @@ def with_backup(tree):
     return {BACKUP: Dir(0o700), **{BACKUP + '/' + p: e for p, e in tree.items()}}
 
 
-class Box:
-    # What runs see as /tmp (tmp), /var/lib (var_lib, holding the store as
-    # store) and /run; tmp_size, var_lib_size: a tmpfs of that size of its own;
+class Box(Sandbox):
+    # A sandbox below the test's /tmp holding the trees described as tmp and
+    # store; tmp_size, var_lib_size: a tmpfs of that size of its own;
     # store_from: a directory elsewhere (a simulator's store) that is the store.
     def __init__(self, tmp=None, store=None, tmp_size=None, var_lib_size=None, store_from=None):
-        self.base = Path(tempfile.mkdtemp(prefix='box-', dir='/tmp'))
-        self.base.chmod(0o755)  # so that nobody, too, reaches the tmp inside
-        self.tmp, self.var_lib, self.run = (self.base / n for n in ('tmp', 'var_lib', 'run'))
-        self.store = self.var_lib / 'bluetooth'
-        for where, mode, size in ((self.tmp, 0o1777, tmp_size), (self.var_lib, 0o755, var_lib_size),
-                                  (self.run, 0o755, None)):
-            where.mkdir(mode)
+        super().__init__(tempfile.mkdtemp(prefix='box-', dir='/tmp'), store_from)
+        for where, mode, size in ((self.tmp, 0o1777, tmp_size), (self.var_lib, 0o755, var_lib_size)):
             if size:
-                _mount('kelvane-small', where, 'tmpfs', data='mode=%o,size=%s' % (mode, size))
+                mount('kelvane-small', where, 'tmpfs', data='mode=%o,size=%s' % (mode, size))
         self.plant(self.tmp, tmp or {}, 0o1777)
-        if store_from:
-            self.store.mkdir()
-            self.store = Path(store_from)
-        elif store != NO_STORE:
+        if not store_from and store != NO_STORE:
             self.plant(self.store, store or {}, 0o700)
 
     def plant(self, root, description, root_mode):
@@ -214,13 +185,8 @@ def start(args, *, binary, box, bus_address=None, root=True, argv0=None, readonl
             os.close(read_end)
         else:
             streams[name] = os.open(run.outputs[name], os.O_WRONLY | os.O_CREAT, 0o600)
-    # /tmp last: the box (and maybe the store) lives below it.
-    binds = [(box.var_lib, '/var/lib')] + [(box.store, '/var/lib/bluetooth')] * (
-        box.store.parent != box.var_lib) + [(box.run, '/run'), (box.tmp, '/tmp')] + [
-        (path, path) for path in ['/var/lib/bluetooth'] * store_mount + list(bind)]
-
     def enter():  # in the child, before exec
-        _own_mounts(binds, readonly)
+        box.enter(readonly, ['/var/lib/bluetooth'] * store_mount + list(bind))
         if umask is not None:
             os.umask(umask)
         if not root:

@@ -4,6 +4,7 @@
 # bluetoothd's own store in test_bluetoothd.py; the rows here pin the rest.
 
 import json
+import os
 import subprocess
 import sys
 import time
@@ -98,6 +99,15 @@ def join_taken_bus(w):
     return status, errors.replace(w.bus.address, 'BUS')
 
 
+def isolated(w):
+    # What the command sees of the host: only the store (the scenario's pairing).
+    (w.root.parent / 'paired.json').write_text(json.dumps(world_of(device(paired=True))))
+    leak = Path('/tmp/kelvane-sim-test-%d' % os.getpid())
+    status, out, errors = kelvane_sim('run', '--isolate', '--scenario', w.root.parent / 'paired.json',
+                                      '--', 'sh', '-c', 'find /tmp /run /var/lib; touch ' + str(leak))
+    return status, sorted(out.replace('/var/lib/bluetooth/', '').split()), errors, leak.exists()
+
+
 def check_files(w):
     loud, lost = w.root.parent / 'loud.json', w.root.parent / 'lost.json'
     loud.write_text(json.dumps(world_of(device(adapter='hci1', rssi=300))))
@@ -158,6 +168,12 @@ ROWS = [  # id, scenario, store before, what is done, what must come of it
      lambda w: kelvane_sim('run', '--empty', '--store', w.root / 'new', '--', 'sh', '-c',
                            'test -n "$DBUS_SYSTEM_BUS_ADDRESS" && test -d %s && exit 3'
                            % (w.root / 'new'))[0], 3),
+    ('run --isolate gives the command a /tmp, /run and /var/lib of its own, the store in it',
+     {}, None, isolated,
+     (0, sorted(['/tmp', '/run', '/var/lib', '/var/lib/bluetooth', HOST, HOST + '/' + MAC, INFO,
+                 HOST + '/cache', CACHE, SETTINGS]), '', False)
+     if os.geteuid() == 0 else (1, [], 'kelvane-sim: --isolate needs root (it makes a mount '
+                                'namespace)\n', False)),
     ('check accepts the demo and names what is wrong', world_of(), None, check_files,
      (1, '%s: ok\n' % scenario.DEMO_PATH, 'loud.json: devices[0].rssi: 300 is greater than the '
       'maximum of 20\nlost.json: devices[0].adapter: no adapter hci1 in this scenario\n')),
