@@ -6,11 +6,11 @@
 #include "bluez/queries.h"
 #include "bluez/snapshot.h"
 #include "core/utf8.h"
+#include "result/latestbyaddress.h"
 
 #include <QThread>
 
 #include <algorithm>
-#include <unordered_map>
 
 namespace kelvane::operations {
 
@@ -26,27 +26,6 @@ std::vector<core::DeviceInfo> pollAdapterDevices(const QString &adapterPath) {
     return bluez::devicesWithAddress(bluez::devicesUnder(*objects, adapterPath));
 }
 
-// Unlike the result document's merge, the latest poll always wins here: a scan
-// reports what the device looked like when it was last seen. Indexed by
-// address, so each poll costs its own size, not that times what was seen.
-class LatestByAddress {
-public:
-    void merge(std::vector<core::DeviceInfo> poll) {
-        for (core::DeviceInfo &device : poll) {
-            const auto [at, added] = m_index.emplace(device.address, m_seen.size());
-            if (added)
-                m_seen.push_back(std::move(device));
-            else
-                m_seen[at->second] = std::move(device);
-        }
-    }
-    std::vector<core::DeviceInfo> take() { return std::move(m_seen); }
-
-private:
-    std::vector<core::DeviceInfo> m_seen;
-    std::unordered_map<std::string, size_t> m_index;
-};
-
 std::string adapterReport(const core::AdapterInfo &adapter, const QString &error) {
     return "adapter " + std::to_string(adapter.id) + ": " + core::toUtf8(error);
 }
@@ -60,7 +39,7 @@ core::Expected<std::vector<core::DeviceInfo>> scanAdapter(const core::AdapterInf
         return powered.error();
     if (const core::Status started = bluez::startDiscovery(path); !started)
         return started.error();
-    LatestByAddress latest;
+    result::LatestByAddress latest;
     for (int poll = 0; poll < seconds; ++poll) {
         QThread::sleep(1);
         latest.merge(pollAdapterDevices(path));

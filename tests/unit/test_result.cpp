@@ -1,4 +1,5 @@
 #include "result/json.h"
+#include "result/latestbyaddress.h"
 #include "result/resultdocument.h"
 #include "testing.h"
 
@@ -124,7 +125,8 @@ private slots:
     }
 
     // merge: devices merged into a document holding others ("existing>incoming");
-    // before: whether the first device sorts before the second ("a>b").
+    // latest: a scan's polls merged ("poll>poll>..."); before: whether the
+    // first device sorts before the second ("a>b").
     void rules_data() {
         ruleColumns();
         rule("merge", "X//old>X/-70/", "X/-70/");          // an RSSI over none replaces whole
@@ -133,7 +135,9 @@ private slots:
         rule("merge", "X/-70/old|Y//old>X//new|Y//new", "X/-70/old|Y//old"); // none never does
         rule("merge", "aa:bb//a>AA:BB//b|AA:BB //c", "AA:BB//b|AA:BB //c|aa:bb//a"); // exact
         rule("merge", ">X//a|X/-50/b|X/-60/c", "X/-50/b"); // duplicates in one batch
-        rule("before", "Z/-40>A/-90", "1");                // stronger first
+        // The latest poll wins, weaker or without an RSSI; gone stays; first seen first.
+        rule("latest", "X/-40/a|Y/-60/>X/-80/b>X//c|Z/-50/", "X//c|Y/-60/|Z/-50/");
+        rule("before", "Z/-40>A/-90", "1"); // stronger first
         rule("before", "A/-32768>B/32767", "0");
         rule("before", "A/-50>B/-50", "0");
         rule("before", "Z/-90>A/", "1"); // an RSSI before none
@@ -152,6 +156,13 @@ private slots:
                         document.mergeDevices(pair(argument).first);
                         document.mergeDevices(pair(argument).second);
                         return encode(document.devices());
+                    }},
+                   {"latest",
+                    [](const QString &argument) {
+                        LatestByAddress latest;
+                        for (const QString &poll : argument.split('>'))
+                            latest.merge(decode(poll));
+                        return encode(latest.take());
                     }},
                    {"before", [&](const QString &argument) {
                         const auto [a, b] = pair(argument);
