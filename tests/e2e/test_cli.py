@@ -19,10 +19,8 @@ NO_ADAPTER = '{"adapters":[],"devices":[],"error":"no Bluetooth adapters found",
 # args, the stream whose reader has gone -> start of stdout, stderr (start, when broken is
 # stdout). Every run is nobody's, against a BlueZ without adapters, and fails.
 ROWS = [
-    (['-l'], (), '', 'error: -l requires root privileges\n'),
-    (['-r'], (), '', 'error: -r requires root privileges\n'),
-    (['-v', '-f', '-v', MAC], (), '', 'error: -f requires root privileges\n'),
-    (['-p', 'not-a-mac'], (), '', 'error: -p requires root privileges\n'),
+    # Which operations are root's is a unit table; root comes before the MAC's form.
+    (['-v', '-p', '-v', 'not-a-mac'], (), '', 'error: -p requires root privileges\n'),
     # The MAC is looked for before root; Qt's option words are nobody's business.
     (['-f'], (), USAGE, 'error: -f requires a Bluetooth MAC address\n'),
     (['-qmljsdebugger=port:1', '-e'], (), USAGE, 'error: unknown option: -qmljsdebugger=port:1\n'),

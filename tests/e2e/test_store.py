@@ -130,7 +130,6 @@ FORGETS = {
     'unknown to BlueZ': (bluez_knows(OTHER), STORE, ['-f', ' aa-bb-cc-dd-ee-ff\t'], '', GONE, None),
     'invalid': (bluez_knows(MAC), STORE, ['-f', 'AA:BB:CC:DD:EE'],
                 'invalid Bluetooth address: AA:BB:CC:DD:EE', [], None),
-    'unknown': (bluez_knows(MAC), STORE, ['-f', '12-34-56-78-9a-bc'], 'device not found', [], None),
     'refused, not stored': (bluez_knows('12:34:56:78:9A:BC', refuses=True), STORE,
                             ['-f', '12:34:56:78:9a:bc'], 'Operation not permitted', [],
                             '/org/bluez/hci0/dev_12_34_56_78_9A_BC'),

@@ -128,13 +128,6 @@ def test_pair_publishes_the_passkey_bluetoothd_asked_to_confirm(vm):
         step['store'][pairing].split('[LinkKey]')[1].split('\n')[1]
 
 
-def test_pair_of_an_absent_address_gives_up_after_its_polls(vm):
-    step = vm.steps['pair-absent']
-    assert step['seconds'] >= 30 and contract.validate_events(step['events']) == []
-    assert not step['bluez']['objects']['/org/bluez/hci0']['org.bluez.Adapter1']['Discovering']
-    assert agent_story(step) == ['RegisterAgent ok', 'RequestDefaultAgent ok']
-
-
 def visible(tree):
     return {p: t for p, t in (tree or {}).items() if not any(s.startswith('.')
                                                              for s in p.split('/'))}

@@ -12,7 +12,8 @@ class TestApp : public QObject {
     Q_OBJECT
 
 private slots:
-    // Words separated by '|'; parsed as "<usage|unknown|operation> [word] [mac=...] [trace]".
+    // Words separated by '|'; parsed as "<usage|unknown|operation> [word] [mac=...] [root]
+    // [trace]", root when the operation is for root alone.
     void grammar_data() {
         QTest::addColumn<QStringList>("words");
         QTest::addColumn<QString>("parsed");
@@ -23,11 +24,11 @@ private slots:
         row("", "usage");
         row("-v|-v", "usage trace");
         row("-e|-h", "-e");
-        row("-l|AA:BB:CC:DD:EE:FF", "-l");
-        row("-r", "-r");
-        row("-f", "-f");
-        row("-f|-v|AA:BB:CC:DD:EE:FF", "-f mac=AA:BB:CC:DD:EE:FF trace");
-        row("-p| aa-bb-cc-dd-ee-ff\n|x", "-p mac= aa-bb-cc-dd-ee-ff\n");
+        row("-l|AA:BB:CC:DD:EE:FF", "-l root");
+        row("-r", "-r root");
+        row("-f", "-f root");
+        row("-f|-v|AA:BB:CC:DD:EE:FF", "-f mac=AA:BB:CC:DD:EE:FF root trace");
+        row("-p| aa-bb-cc-dd-ee-ff\n|x", "-p mac= aa-bb-cc-dd-ee-ff\n root");
         row("-h|-e", "usage -h");
         row("--help", "usage --help");
         row("-v|-x|-v", "unknown -x trace");
@@ -50,6 +51,8 @@ private slots:
             got += ' ' + QString::fromStdString(p.word);
         if (p.mac)
             got += " mac=" + QString::fromStdString(*p.mac);
+        if (p.command && p.command->needsRoot)
+            got += " root";
         QCOMPARE(p.trace ? got + " trace" : got, parsed);
     }
 
