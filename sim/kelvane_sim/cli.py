@@ -85,11 +85,11 @@ def run(args):
         raise UsageError('--isolate needs a COMMAND')
     if args.isolate and os.geteuid() != 0:
         raise RuntimeError('--isolate needs root (it makes a mount namespace)')
-    # Isolated without a store of its own, the simulator keeps it in the sandbox.
-    sandbox = Sandbox(store=args.store) if args.isolate else None
-    store = args.store or (sandbox and str(sandbox.store))
-    bus = Bus(args.bus) if args.bus else PrivateBus()
+    bus, sandbox = Bus(args.bus) if args.bus else PrivateBus(), None
     try:
+        # Isolated without a store of its own, the simulator keeps it in the sandbox.
+        sandbox = Sandbox(store=args.store) if args.isolate else None
+        store = args.store or (sandbox and str(sandbox.store))
         with Sim(bus, scenario=world, store=store) as sim:
             if args.program:
                 status = run_program(args.program, bus.address, sandbox)
@@ -109,7 +109,8 @@ def run_program(program, address, sandbox=None):
     given; its exit status.'''
     env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
     try:
-        return (sandbox.popen if sandbox else subprocess.Popen)(program, env=env).wait()
+        with (sandbox.popen if sandbox else subprocess.Popen)(program, env=env) as process:
+            return process.wait()
     except (OSError, subprocess.SubprocessError) as e:
         print('%s: %s: %s' % (PROG, program[0], getattr(e, 'strerror', None) or e),
               file=sys.stderr)
