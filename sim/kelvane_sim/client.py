@@ -326,7 +326,7 @@ class Sim:
 
     def add_device(self, adapter, address, props=None, omit=(), appear_after=None,
                    vanish_after=None, pairing=None, path=None, reappear_after=None,
-                   **keywords):
+                   technologies=None, **keywords):
         '''Adds a device under the adapter (its name, e.g. "hci0", or path).
         Unless omitted it has Address, AddressType, Alias, Adapter, Paired,
         Bonded, Trusted, Blocked, LegacyPairing, Connected and
@@ -336,12 +336,15 @@ class Sim:
         appear_after / vanish_after: seconds of discovery on the adapter
         before the device object appears / disappears. reappear_after:
         seconds of discovery after which a device that RemoveDevice removed
-        is found again (unpaired), as one still in range would be. pairing:
-        a mode of PAIRING_MODES, a list of steps or a full configuration
+        is found again (unpaired), as one still in range would be.
+        technologies: what a pairing stores it speaks, e.g. ["BR/EDR", "LE"]
+        (by default LE for a random address, else BR/EDR). pairing: a mode
+        of PAIRING_MODES, a list of steps or a full configuration
         (set_pairing).'''
         options = _options(appear_after=(dbus.Double, appear_after),
                            vanish_after=(dbus.Double, vanish_after), path=(dbus.String, path),
-                           reappear_after=(dbus.Double, reappear_after))
+                           reappear_after=(dbus.Double, reappear_after),
+                           technologies=(lambda v: dbus.Array(v, signature='s'), technologies))
         device = str(self.control.AddDevice(
             adapter, address, typed_props(props, **keywords), dbus.Array(omit, signature='s'),
             options))

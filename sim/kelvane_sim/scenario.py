@@ -24,7 +24,7 @@ VALUE_KEYS = {
     'class': 'device_class', 'appearance': 'appearance', 'rssi': 'rssi', 'uuids': 'uuids',
     'address_type': 'address_type', 'paired': 'paired', 'bonded': 'bonded',
     'trusted': 'trusted', 'blocked': 'blocked', 'connected': 'connected',
-    'legacy_pairing': 'legacy_pairing',
+    'legacy_pairing': 'legacy_pairing', 'modalias': 'modalias',
 }
 PAIRING_OPTIONS = ('passkey', 'pin', 'delay', 'without_agent', 'page_timeout')
 
@@ -141,7 +141,8 @@ def _add_device(sim, device):
     path = sim.add_device(device['adapter'], values.pop('address'), device.get('properties'),
                           device.get('omit', ()), appear_after=device.get('appear_after'),
                           vanish_after=device.get('vanish_after'),
-                          reappear_after=device.get('reappear_after'), **values)
+                          reappear_after=device.get('reappear_after'),
+                          technologies=device.get('technologies'), **values)
     for change in device.get('changes', []):
         sim.schedule(path, change['after'], 'update', change.get('properties'),
                      **_values(change))

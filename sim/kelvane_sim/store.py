@@ -7,8 +7,9 @@ The simulator writes the same files at the same moments, so that a tool
 reading the store sees what it would see next to the real daemon:
 
 - a pairing writes the device's `info` ([General] with name, class,
-  services, trust; [LinkKey]), its cache entry, and an empty `settings` for
-  an adapter that had none;
+  services, trust; [DeviceID] from its Modalias; [LinkKey], and the LE
+  signature and long term keys of a device that also speaks LE), its cache
+  entry, and an empty `settings` for an adapter that had none;
 - a change of a stored device's Trusted or Blocked rewrites that key;
 - RemoveDevice deletes the device's directory, then trims its cache entry to
   [General] Name (in that order: the tool waits for both);
@@ -21,10 +22,19 @@ directories.
 
 import hashlib
 import os
+import re
 import shutil
 from pathlib import Path
 
 KEY_SECTIONS = ('LinkKey', 'LongTermKey', 'PeripheralLongTermKey', 'SlaveLongTermKey')
+# The keys bluetoothd keeps for the LE side of a dual-mode device, beside its link key.
+SIGNATURE_KEY = {'Counter': '0', 'Authenticated': 'false'}
+LONG_TERM_KEY = {'Authenticated': '0', 'EncSize': '16', 'EDiv': '0', 'Rand': '0'}
+LE_KEYS = {'RemoteSignatureKey': SIGNATURE_KEY, 'LocalSignatureKey': SIGNATURE_KEY,
+           'PeripheralLongTermKey': LONG_TERM_KEY, 'SlaveLongTermKey': LONG_TERM_KEY}
+# A Modalias and the Device ID it comes from (Source 1: Bluetooth SIG, 2: USB).
+MODALIAS = re.compile(r'(bluetooth|usb):v([0-9A-F]{4})p([0-9A-F]{4})d([0-9A-F]{4})', re.I)
+SOURCES = ('bluetooth', 'usb')
 
 
 def parse_keyfile(text):
@@ -49,16 +59,18 @@ def render_keyfile(sections):
                      for name, keys in sections.items())
 
 
-def link_key(adapter, device):
+def link_key(adapter, device, kind=''):
     '''A key derived from the two addresses: a simulated pairing needs no
     secret, and a fixed key keeps runs and their backups reproducible.'''
-    return hashlib.sha256(('%s/%s' % (adapter, device)).encode()).hexdigest()[:32].upper()
+    return hashlib.sha256(('%s/%s%s' % (adapter, device, kind)).encode()).hexdigest()[:32].upper()
 
 
-def info_sections(adapter, props):
+def info_sections(adapter, props, technologies=None):
     '''The info file bluetoothd writes for a device paired through an
-    adapter, from the device's properties (plain values).'''
+    adapter, from the device's properties (plain values) and the
+    technologies it speaks (by default LE for a random address, else BR/EDR).'''
     low_energy = props.get('AddressType') == 'random'
+    technologies = technologies or (['LE'] if low_energy else ['BR/EDR'])
     general = {}
     if props.get('Name'):
         general['Name'] = props['Name']
@@ -66,14 +78,24 @@ def info_sections(adapter, props):
         general['Class'] = '0x%06x' % props['Class']
     if props.get('Appearance') is not None:
         general['Appearance'] = '0x%04x' % props['Appearance']
-    general['SupportedTechnologies'] = 'LE;' if low_energy else 'BR/EDR;'
+    general['SupportedTechnologies'] = ''.join(name + ';' for name in technologies)
     general['Trusted'] = stored_bool(props.get('Trusted', False))
     general['Blocked'] = stored_bool(props.get('Blocked', False))
     general['AddressType'] = 'static' if low_energy else 'public'
     if props.get('UUIDs'):
         general['Services'] = ''.join(uuid + ';' for uuid in props['UUIDs'])
-    key = {'Key': link_key(adapter, props['Address'].upper()), 'Type': '4', 'PINLength': '0'}
-    return {'General': general, 'LinkKey': key}
+    sections = {'General': general}
+    device_id = MODALIAS.fullmatch(props.get('Modalias', ''))
+    if device_id:
+        source, *numbers = device_id.groups()
+        sections['DeviceID'] = dict(zip(('Source', 'Vendor', 'Product', 'Version'), map(str, [
+            SOURCES.index(source.lower()) + 1] + [int(n, 16) for n in numbers])))
+    device = props['Address'].upper()
+    sections['LinkKey'] = {'Key': link_key(adapter, device), 'Type': '4', 'PINLength': '0'}
+    if 'LE' in technologies and 'BR/EDR' in technologies:
+        for name, values in LE_KEYS.items():
+            sections[name] = {'Key': link_key(adapter, device, name), **values}
+    return sections
 
 
 def device_props(sections):
@@ -92,6 +114,10 @@ def device_props(sections):
             props[key] = int(general[key], 16)
     if 'Services' in general:
         props['UUIDs'] = [uuid for uuid in general['Services'].split(';') if uuid]
+    device_id = sections.get('DeviceID', {})
+    if device_id.get('Source') in ('1', '2'):
+        props['Modalias'] = '%s:v%04Xp%04Xd%04X' % (SOURCES[int(device_id['Source']) - 1], *(
+            int(device_id.get(key, '0')) for key in ('Vendor', 'Product', 'Version')))
     return props
 
 
@@ -138,13 +164,14 @@ class Store:
     def holds(self, adapter, device):
         return (self.root / adapter / device / 'info').is_file()
 
-    def paired(self, adapter, props):
+    def paired(self, adapter, props, technologies=None):
         '''A pairing completed: the device's info and cache entry, and the
         adapter's settings when it had none.'''
         device = props['Address'].upper()
         if not (self.root / adapter / 'settings').exists():
             self._write(Path(adapter, 'settings'), '')
-        self._write(Path(adapter, device, 'info'), render_keyfile(info_sections(adapter, props)))
+        self._write(Path(adapter, device, 'info'),
+                    render_keyfile(info_sections(adapter, props, technologies)))
         if props.get('Name'):
             self._merge(Path(adapter, 'cache', device), 'General', {'Name': props['Name']})
 

@@ -167,6 +167,7 @@ class DeviceState:
         # as a device still in range would be; None: removal is for good.
         self.reappear_after = None
         self.initial_props = {}
+        self.technologies = None  # what the store records; None: by the address type
 
 
 class Simulator:
@@ -388,6 +389,8 @@ class Simulator:
         device.initial_props = dict(device.props[DEVICE_IFACE])
         if 'reappear_after' in options:
             device.reappear_after = float(options['reappear_after'])
+        if 'technologies' in options:
+            device.technologies = [str(name) for name in options['technologies']]
         self.devices[path] = device
         if 'appear_after' in options:
             self.schedule(path, float(options['appear_after']), 'appear', {})
@@ -628,7 +631,8 @@ class Simulator:
             address = str(props.get('Address', '')).upper()
             if adapter and props.get('Paired') and self.stored_address(adapter) \
                     and not self.store.holds(self.stored_address(adapter), address):
-                self.store.paired(self.stored_address(adapter), to_json(props))
+                self.store.paired(self.stored_address(adapter), to_json(props),
+                                  device.technologies)
 
     def load_stored(self, adapter):
         '''What bluetoothd does for a controller at start: its settings and
@@ -746,7 +750,8 @@ class Simulator:
             self.update_props(path, DEVICE_IFACE, changes)
             adapter = self.adapters.get(device.adapter)
             if self.store is not None and adapter and self.stored_address(adapter):
-                self.store.paired(self.stored_address(adapter), to_json(props))
+                self.store.paired(self.stored_address(adapter), to_json(props),
+                                  device.technologies)
             ok()
 
         def agent_failed(exc):

@@ -36,6 +36,7 @@ KEYWORDS = {
     'powered': 'Powered', 'pairable': 'Pairable', 'discoverable': 'Discoverable',
     'paired': 'Paired', 'bonded': 'Bonded', 'trusted': 'Trusted', 'blocked': 'Blocked',
     'connected': 'Connected', 'legacy_pairing': 'LegacyPairing', 'address_type': 'AddressType',
+    'modalias': 'Modalias',
 }
 
 

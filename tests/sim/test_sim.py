@@ -22,8 +22,10 @@ DEV = '/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF'
 INFO, CACHE, SETTINGS = HOST + '/' + MAC + '/info', HOST + '/cache/' + MAC, HOST + '/settings'
 HID = '00001124-0000-1000-8000-00805f9b34fb'
 PAGE_TIMEOUT = ['org.bluez.Error.ConnectionAttemptFailed', 'Page Timeout']
-STORED = {INFO: '[General]\nName=Mouse\nClass=0x002580\nTrusted=true\nServices=%s;\n\n'
-                '[LinkKey]\nKey=00\n' % HID,
+# usb:v046Dp4069d0100 as stored
+DEVICE_ID = '[DeviceID]\nSource=2\nVendor=1133\nProduct=16489\nVersion=256\n\n'
+STORED = {INFO: '[General]\nName=Mouse\nClass=0x002580\nTrusted=true\nServices=%s;\n\n%s'
+                '[LinkKey]\nKey=00\n' % (HID, DEVICE_ID),
           HOST + '/' + MAC + '/attributes': '[1]\n',
           CACHE: '[General]\nName=Mouse\n\n[ServiceRecords]\n0x00010001=35\n',
           SETTINGS: '[General]\nDiscoverable=true\n'}
@@ -103,8 +105,9 @@ def isolated(w):
     # What the command sees of the host: only the store (the scenario's pairing).
     (w.root.parent / 'paired.json').write_text(json.dumps(world_of(device(paired=True))))
     leak = Path('/tmp/kelvane-sim-test-%d' % os.getpid())
-    status, out, errors = kelvane_sim('run', '--isolate', '--scenario', w.root.parent / 'paired.json',
-                                      '--', 'sh', '-c', 'find /tmp /run /var/lib; touch ' + str(leak))
+    status, out, errors = kelvane_sim('run', '--isolate', '--scenario',
+                                      w.root.parent / 'paired.json', '--', 'sh', '-c',
+                                      'find /tmp /run /var/lib; touch ' + str(leak))
     return status, sorted(out.replace('/var/lib/bluetooth/', '').split()), errors, leak.exists()
 
 
@@ -118,12 +121,13 @@ def check_files(w):
 
 ROWS = [  # id, scenario, store before, what is done, what must come of it
     ('pairing writes info, cache entry and settings, the same key in every run',
-     world_of(device(**{'class': '0x2580', 'uuids': [HID], 'pairing': 'just-works'})), None,
+     world_of(device(**{'class': '0x2580', 'uuids': [HID], 'pairing': 'just-works',
+                        'modalias': 'usb:v046Dp4069d0100'})), None,
      lambda w: (w.pair(DEV), w.files()),
      ('ok', {INFO: '[General]\nName=Mouse\nClass=0x002580\nSupportedTechnologies=BR/EDR;\n'
-                   'Trusted=false\nBlocked=false\nAddressType=public\nServices=%s;\n\n'
+                   'Trusted=false\nBlocked=false\nAddressType=public\nServices=%s;\n\n%s'
                    '[LinkKey]\nKey=51FA5422B30857F64AEAC29E55AD35AA\nType=4\nPINLength=0\n'
-                   % HID, CACHE: '[General]\nName=Mouse\n', SETTINGS: ''})),
+                   % (HID, DEVICE_ID), CACHE: '[General]\nName=Mouse\n', SETTINGS: ''})),
     ('RemoveDevice deletes the directory and trims the cache entry', world_of(), STORED,
      lambda w: (w.call('/org/bluez/hci0', 'org.bluez.Adapter1', 'RemoveDevice', 'o', DEV),
                 w.files()),
@@ -155,11 +159,12 @@ ROWS = [  # id, scenario, store before, what is done, what must come of it
     ('an adapter added later takes back its stored devices, bonded, and its settings', {},
      STORED, lambda w: (w.sim.add_adapter('hci0', address=HOST),
                         props(w, DEV, 'Paired', 'Bonded', 'Trusted', 'Connected', 'Class',
-                              'UUIDs'),
+                              'UUIDs', 'Modalias'),
                         w.call('/org/bluez/hci0', 'org.freedesktop.DBus.Properties', 'Get',
                                'ss', 'org.bluez.Adapter1', 'Discoverable')),
      ('/org/bluez/hci0', {'Paired': True, 'Bonded': True, 'Trusted': True, 'Connected': False,
-                          'Class': 0x2580, 'UUIDs': [HID]}, True)),
+                          'Class': 0x2580, 'UUIDs': [HID], 'Modalias': 'usb:v046Dp4069d0100'},
+      True)),
     ('run stays up for call and clients and logs their calls; call fails once it is gone', {},
      None, serve_and_call, (0, 0, 'Pen', 0, True, 1, True)),
     ('run joins a given bus, unless org.bluez is taken there', {}, None, join_taken_bus,
