@@ -1,10 +1,7 @@
 #include "app/commandline.h"
-#include "app/frontend.h"
 #include "testing.h"
 
 #include <QtTest>
-
-#include <unistd.h>
 
 using namespace kelvane::app;
 
@@ -54,32 +51,6 @@ private slots:
         if (p.command && p.command->needsRoot)
             got += " root";
         QCOMPARE(p.trace ? got + " trace" : got, parsed);
-    }
-
-    void usageText() {
-        const QByteArray expected =
-            "Usage: ./bin/kel vane [-v] [-e] [-l] [-r] [-f MAC] [-p MAC]\n\n"
-            "Options:\n"
-            "  -v              Print D-Bus debug messages to stderr\n"
-            "  -e              Scan for nearby Bluetooth devices on powered adapters\n"
-            "  -l              List known devices from /var/lib/bluetooth (root)\n"
-            "  -r              Restore /var/lib/bluetooth from backup (root)\n"
-            "  -f MAC          Forget a known or connected device at MAC (root)\n"
-            "  -p MAC          Pair, trust, and connect to the device at MAC (root)\n"
-            "  -h              Show this help message\n\n"
-            "All operations write one JSON result object to stdout.\n"
-            "Pairing progress events are written to /tmp/kelvane-events.json.\n"
-            "Use -v for debug output on stderr.\n\n"
-            "List (-l), restore (-r), forget (-f), and pair (-p) must be run as root.\n";
-        QCOMPARE(captureStream(stdout, [] { printUsage("./bin/kel vane"); }), expected);
-    }
-
-    void rootCheck() {
-        const bool root = geteuid() == 0;
-        bool allowed = !root;
-        const QByteArray written = captureStream(stderr, [&] { allowed = requireRoot("-f"); });
-        QCOMPARE(allowed, root);
-        QCOMPARE(written, root ? QByteArray() : QByteArray("error: -f requires root privileges\n"));
     }
 };
 
