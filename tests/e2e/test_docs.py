@@ -22,20 +22,12 @@ COMPLETION = TOP / 'completion' / 'kelvane'
 
 # Every example is a block of prompts ("$ " or "# "), each with its output,
 # after a comment naming its world ("<!-- example world: NAME -->" or
-# '.\" example world: NAME'). A document's blocks run in order, each as one
-# shell session in a fresh namespace; the demo world's simulator and store
-# carry over from block to block, so pairing, listing, forgetting and
-# restoring go through the store the simulator keeps.
-SCAN_WORLDS = {
-    'two adapters, one failing': {
-        'adapters': [{'id': 'hci0', 'address': '00:1A:7D:DA:71:13', 'name': 'workstation'},
-                     {'id': 'hci1', 'address': '00:1A:7D:DA:71:14', 'name': 'dongle',
-                      'powered': False}],
-        'faults': [{'method': 'Set', 'property': 'Powered', 'path': '/org/bluez/hci1',
-                    'error': 'org.bluez.Error.NotReady', 'message': 'Resource Not Ready',
-                    'times': 'always'}]},
-    'no adapters': {},
-}
+# '.\" example world: NAME'): the demo, the demo with BlueZ stopped, or the
+# scenario doc/worlds/NAME.json (words joined by "-"). A document's blocks run
+# in order, each as one shell session in a fresh namespace; the demo world's
+# simulator and store carry over from block to block, so pairing, listing,
+# forgetting and restoring go through the store the simulator keeps.
+WORLDS = TOP / 'doc' / 'worlds'
 BLOCK = re.compile(r'^(?:<!-- |\.\\" )example world: (.+?)(?: -->)?\n.*?^(?:```|\.EX)\n'
                    r'(.*?)^(?:```|\.EE)$', re.M | re.S)
 TIMESTAMP = re.compile(r'"timestamp":\d+')
@@ -73,9 +65,11 @@ def test_examples_are_what_the_tool_prints(document, tmp_path, binary):
             return private_bus.address
 
         demo = json.loads((TOP / 'sim' / 'kelvane_sim' / 'demo.json').read_text())
-        worlds = {'demo': (bus(demo, store), store), 'demo, BlueZ stopped': (bus(), store),
-                  **{name: (bus(scenario), None) for name, scenario in SCAN_WORLDS.items()}}
+        worlds = {'demo': (bus(demo, store), store), 'demo, BlueZ stopped': (bus(), store)}
         blocks = example_blocks(document)
+        for name in {world for world, _ in blocks} - set(worlds):
+            scenario = WORLDS / (re.sub(r'\W+', '-', name) + '.json')
+            worlds[name] = (bus(json.loads(scenario.read_text())), None)
         played = [(world, session[::2], play(session, binary, *worlds[world]))
                   for world, session in blocks]
     assert len(blocks) >= 5

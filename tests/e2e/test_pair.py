@@ -4,6 +4,7 @@
 # each request is a unit table, and the whole -v trace of a pairing is the
 # manual page's example (test_docs.py).
 
+import contextlib
 import time
 
 import dbus
@@ -74,16 +75,14 @@ def after_pair(sim, action):
 
 def intruder(sim):
     # BlueZ asks after a while; meanwhile another client of the bus confirms
-    # a passkey of its own for the device being paired.
+    # a passkey of its own for the device being paired (refused: the events
+    # show BlueZ's passkey alone).
     on_hci0(pairing=[dict(CONFIRM[0], delay=2)])(sim)
 
     def intrude(tool):
-        try:
+        with contextlib.suppress(dbus.exceptions.DBusException):
             sim.bus.connect().call_blocking(tool, AGENT, 'org.bluez.Agent1',
                                             'RequestConfirmation', 'ou', [DEVICE, 999999])
-            sim.intruder = 'accepted'
-        except dbus.exceptions.DBusException as error:
-            sim.intruder = error.get_dbus_name()
     return after_pair(sim, intrude)
 
 

@@ -11,7 +11,7 @@ NO_METHOD = ('Method "GetManagedObjects" with signature "" on interface '
 
 def busy(sim):
     # hci0 with devices that come, change and go; hci1 off (powered by the
-    # scan); hci10 and usb0 refuse; hci3 has no address.
+    # scan); hci10 and usb0 refuse.
     sim.add_adapter('hci0', name='alpha')
     sim.add_device('hci0', '00:00:00:00:00:01', rssi=-40, name='Strong')
     sim.add_device('hci0', '00:00:00:00:00:02', rssi=-70, name='\ufeffBOM first')
@@ -25,7 +25,6 @@ def busy(sim):
     sim.add_device('hci10', '33:00:00:00:00:10', rssi=-45)
     sim.fault('StartDiscovery', 'org.bluez.Error.InProgress', 'Operation already in progress',
               path='/org/bluez/hci10')
-    sim.add_adapter('hci3', omit=['Address'])
     sim.add_adapter('/org/bluez/usb0', powered=False)
     sim.fault_set('Powered', 'org.bluez.Error.Blocked', 'Blocked through rfkill',
                   path='/org/bluez/usb0')
