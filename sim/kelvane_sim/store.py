@@ -34,7 +34,7 @@ LE_KEYS = {'RemoteSignatureKey': SIGNATURE_KEY, 'LocalSignatureKey': SIGNATURE_K
            'PeripheralLongTermKey': LONG_TERM_KEY, 'SlaveLongTermKey': LONG_TERM_KEY}
 # A Modalias and the Device ID it comes from (Source 1: Bluetooth SIG, 2: USB).
 MODALIAS = re.compile(r'(bluetooth|usb):v([0-9A-F]{4})p([0-9A-F]{4})d([0-9A-F]{4})', re.I)
-SOURCES = ('bluetooth', 'usb')
+SOURCES, ID_KEYS = ('bluetooth', 'usb'), ('Vendor', 'Product', 'Version')
 
 
 def parse_keyfile(text):
@@ -88,8 +88,8 @@ def info_sections(adapter, props, technologies=None):
     device_id = MODALIAS.fullmatch(props.get('Modalias', ''))
     if device_id:
         source, *numbers = device_id.groups()
-        sections['DeviceID'] = dict(zip(('Source', 'Vendor', 'Product', 'Version'), map(str, [
-            SOURCES.index(source.lower()) + 1] + [int(n, 16) for n in numbers])))
+        sections['DeviceID'] = {'Source': str(SOURCES.index(source.lower()) + 1),
+                                **{key: str(int(n, 16)) for key, n in zip(ID_KEYS, numbers)}}
     device = props['Address'].upper()
     sections['LinkKey'] = {'Key': link_key(adapter, device), 'Type': '4', 'PINLength': '0'}
     if 'LE' in technologies and 'BR/EDR' in technologies:
@@ -117,7 +117,7 @@ def device_props(sections):
     device_id = sections.get('DeviceID', {})
     if device_id.get('Source') in ('1', '2'):
         props['Modalias'] = '%s:v%04Xp%04Xd%04X' % (SOURCES[int(device_id['Source']) - 1], *(
-            int(device_id.get(key, '0')) for key in ('Vendor', 'Product', 'Version')))
+            int(device_id.get(key, '0')) for key in ID_KEYS))
     return props
 
 
